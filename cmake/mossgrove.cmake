@@ -1,0 +1,24 @@
+# mg_library(NAME SOURCES... DEPENDS libs...)
+# One static library per subsystem layer; the shared object is built from all of them.
+function(mg_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_library(${name}_obj OBJECT ${ARG_SOURCES})
+  target_include_directories(${name}_obj PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+  add_library(${name} STATIC $<TARGET_OBJECTS:${name}_obj>)
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
+  set_property(GLOBAL APPEND PROPERTY MG_LIBRARIES ${name})
+endfunction()
+
+# mg_exports(list-file): adds the symbols of a subsystem's export list to the shared object.
+function(mg_exports file)
+  set_property(GLOBAL APPEND PROPERTY MG_EXPORT_LISTS ${CMAKE_CURRENT_SOURCE_DIR}/${file})
+endfunction()
+
+# mg_unit_test(NAME SOURCES... DEPENDS libs...): a GoogleTest binary registered with ctest.
+function(mg_unit_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} mg_testsupport GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${ARG_LABELS}")
+endfunction()

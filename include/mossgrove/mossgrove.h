@@ -1,0 +1,9 @@
+/* The whole Mossgrove management library. */
+#ifndef MOSSGROVE_H
+#define MOSSGROVE_H
+#include <mossgrove/common.h>
+#include <mossgrove/kernel.h>
+#include <mossgrove/stores.h>
+#include <mossgrove/seclog.h>
+#include <mossgrove/config.h>
+#endif
