@@ -22,3 +22,21 @@ function(mg_unit_test name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} mg_testsupport GTest::gtest GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${ARG_LABELS}")
 endfunction()
+
+# mg_fuzz_target(NAME SOURCE file DEPENDS libs...): a libFuzzer entry point
+# (LLVMFuzzerTestOneInput) in fuzz/. Every build gets a replay binary that runs
+# the checked-in corpus fuzz/corpus/NAME as a ctest test; with MG_LIBFUZZER
+# (clang) a real fuzzer NAME_fuzzer is built as well.
+function(mg_fuzz_target name)
+  cmake_parse_arguments(ARG "" "SOURCE" "DEPENDS" ${ARGN})
+  add_executable(${name}_replay ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cpp)
+  target_link_libraries(${name}_replay PRIVATE ${ARG_DEPENDS})
+  add_test(NAME fuzz_replay_${name}
+           COMMAND ${name}_replay ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
+  set_tests_properties(fuzz_replay_${name} PROPERTIES LABELS fuzz)
+  if(MG_LIBFUZZER)
+    add_executable(${name}_fuzzer ${ARG_SOURCE})
+    target_link_libraries(${name}_fuzzer PRIVATE ${ARG_DEPENDS})
+    target_link_options(${name}_fuzzer PRIVATE -fsanitize=fuzzer)
+  endif()
+endfunction()
