@@ -1,0 +1,116 @@
+// Regular-file test, directory names, directory creation and file copying.
+#include <mossgrove/common.h>
+#include <fcntl.h>
+#include <libgen.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "common/handles.hpp"
+
+namespace {
+
+// Parent buffer of mg_mkdir: a parent that does not fit is not made.
+constexpr size_t kParentBuf = 1024;
+constexpr size_t kCopyChunk = 16 * 1024;  // on the stack: login services may run on small stacks
+
+// dirname(3) of path, computed on a private copy; false when out of memory.
+bool dirname_of(const char *path, std::string &out) noexcept {
+    char *copy = strdup(path);
+    if (copy == nullptr) return false;
+    bool ok = true;
+    try {
+        out = dirname(copy);
+    } catch (...) {
+        ok = false;
+    }
+    free(copy);
+    return ok;
+}
+
+// mkdir, then chmod so that the mode is exact whatever the umask.
+int make_one(const char *path, mode_t mode) {
+    if (mkdir(path, mode) != 0) return -1;
+    return chmod(path, mode);
+}
+
+// Keeps errno of the failure across the clean-up calls.
+class SavedErrno {
+public:
+    SavedErrno() : saved_(errno) {}
+    ~SavedErrno() { errno = saved_; }
+    SavedErrno(const SavedErrno &) = delete;
+    SavedErrno &operator=(const SavedErrno &) = delete;
+
+private:
+    int saved_;
+};
+
+// Copies exactly size bytes from in to out.
+bool copy_bytes(int in, int out, off_t size) {
+    char buf[kCopyChunk];
+    while (size > 0) {
+        const size_t want = size < static_cast<off_t>(sizeof buf) ? static_cast<size_t>(size) : sizeof buf;
+        const ssize_t got = read(in, buf, want);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            if (got == 0) errno = EIO;  // the file shrank under us
+            return false;
+        }
+        for (ssize_t done = 0; done < got;) {
+            const ssize_t put = write(out, buf + done, static_cast<size_t>(got - done));
+            if (put < 0 && errno == EINTR) continue;
+            if (put <= 0) return false;
+            done += put;
+        }
+        size -= got;
+    }
+    return true;
+}
+
+}  // namespace
+
+int isRegFile(const char *path) noexcept {
+    if (path == nullptr) return set_errno(EINVAL);
+    struct stat st;
+    if (stat(path, &st) != 0) return -1;
+    return S_ISREG(st.st_mode) ? 1 : 0;
+}
+
+char *mg_dirname(const char *path, char *dst, int size) noexcept {
+    if (path == nullptr || dst == nullptr || size < 1) return nullptr;
+    std::string dir;
+    if (!dirname_of(path, dir)) return nullptr;
+    snprintf(dst, static_cast<size_t>(size), "%s", dir.c_str());
+    return dst;
+}
+
+int mg_mkdir(const char *path, mode_t mode) noexcept {
+    if (path == nullptr) return set_errno(EINVAL);
+    if (make_one(path, mode) == 0) return 0;
+    if (errno != ENOENT) return -1;  // an existing directory fails with EEXIST
+    std::string parent;
+    if (!dirname_of(path, parent) || parent.size() >= kParentBuf || mg_mkdir(parent.c_str(), mode) != 0)
+        return set_errno(ENOENT);
+    return make_one(path, mode);
+}
+
+int mg_copy_file(const char *src, const char *dst) noexcept {
+    if (src == nullptr || dst == nullptr) return set_errno(EINVAL);
+    mg::UniqueFd in(open(src, O_RDONLY | O_CLOEXEC));
+    if (!in) return -1;
+    mg::UniqueFd out(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!out) return -1;
+    struct stat st;
+    const bool ok = fstat(in.get(), &st) == 0 && copy_bytes(in.get(), out.get(), st.st_size) &&
+                    out.close() == 0;
+    if (ok) return 0;
+    SavedErrno keep;
+    out.reset();
+    unlink(dst);
+    return -1;
+}
