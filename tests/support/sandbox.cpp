@@ -1,0 +1,419 @@
+#include "sandbox.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utmpx.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+
+namespace mgtest {
+namespace {
+
+[[noreturn]] void fail(const std::string &what) {
+    throw std::runtime_error("sandbox: " + what + ": " + std::strerror(errno));
+}
+
+void check(int rc, const std::string &what) {
+    if (rc != 0) fail(what);
+}
+
+void do_mount(const char *source, const std::string &target, const char *type, unsigned long flags,
+              const char *data = nullptr) {
+    check(mount(source, target.c_str(), type, flags, data), "mount " + target);
+}
+
+void make_dir(const std::string &path, mode_t mode = 0755) {
+    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) fail("mkdir " + path);
+}
+
+void make_dirs(const std::string &path) {
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
+    if (ec) throw std::runtime_error("sandbox: mkdir -p " + path + ": " + ec.message());
+}
+
+// Writes a whole file through a descriptor; replace or append.
+void put_file(const std::string &path, std::string_view content, bool append, mode_t mode) {
+    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    int fd = open(path.c_str(), flags, mode);
+    if (fd < 0) fail("open " + path);
+    size_t done = 0;
+    while (done < content.size()) {
+        ssize_t n = write(fd, content.data() + done, content.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            close(fd);
+            fail("write " + path);
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (!append && fchmod(fd, mode) != 0) {
+        close(fd);
+        fail("chmod " + path);
+    }
+    check(close(fd), "close " + path);
+}
+
+void bind_node(const std::string &from, const std::string &to) {
+    put_file(to, "", false, 0644);  // a bind mount needs an existing target
+    do_mount(from.c_str(), to, nullptr, MS_BIND);
+}
+
+void copy_bounded(char *dst, size_t size, const std::string &src) {
+    std::snprintf(dst, size, "%s", src.c_str());
+}
+
+// utmpx text fields need not be NUL terminated when full.
+template <size_t N>
+void fill_field(char (&dst)[N], const std::string &src) {
+    std::memcpy(dst, src.data(), std::min(N, src.size()));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// syslog datagrams
+
+SyslogMessage parse_syslog_datagram(std::string_view raw) {
+    SyslogMessage m;
+    m.raw = std::string(raw);
+    std::string_view rest = raw;
+    while (!rest.empty() && (rest.back() == '\n' || rest.back() == '\0')) rest.remove_suffix(1);
+    if (rest.size() > 2 && rest[0] == '<') {
+        size_t close = rest.find('>');
+        if (close != std::string_view::npos && close > 1) {
+            m.priority = std::atoi(std::string(rest.substr(1, close - 1)).c_str());
+            rest.remove_prefix(close + 1);
+        }
+    }
+    // Time stamp "Mmm dd hh:mm:ss " (16 characters) as the C library writes it.
+    if (rest.size() >= 16 && rest[3] == ' ' && rest[6] == ' ' && rest[9] == ':' && rest[12] == ':' &&
+        rest[15] == ' ')
+        rest.remove_prefix(16);
+    size_t colon = rest.find(": ");
+    if (colon == std::string_view::npos) {
+        m.text = std::string(rest);
+        return m;
+    }
+    std::string_view tag = rest.substr(0, colon);
+    m.text = std::string(rest.substr(colon + 2));
+    size_t open = tag.rfind('[');
+    if (!tag.empty() && tag.back() == ']' && open != std::string_view::npos) {
+        m.pid = static_cast<pid_t>(std::atol(std::string(tag.substr(open + 1)).c_str()));
+        tag = tag.substr(0, open);
+    }
+    m.ident = std::string(tag);
+    return m;
+}
+
+std::string SyslogMessage::line() const {
+    std::string out;
+    if (priority >= 0) out += "<" + std::to_string(priority) + ">";
+    out += ident;
+    if (pid != 0) out += "[" + std::to_string(pid) + "]";
+    out += ": " + text;
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// Sandbox
+
+Sandbox::Sandbox() : base_("/run/mg-sandbox"), scratch_(base_ + "/scratch") {
+    enter_namespaces();
+    build_run();
+    build_etc();
+    build_dev();
+    open_log_socket();
+    // Local time is UTC in the sandbox, whatever the host says.
+    check(setenv("TZ", "UTC0", 1), "setenv TZ");
+    tzset();
+}
+
+Sandbox::~Sandbox() {
+    if (reader_.joinable()) {
+        char c = 'x';
+        while (write(stop_fd_[1], &c, 1) < 0 && errno == EINTR) {
+        }
+        reader_.join();
+    }
+    for (int fd : {log_fd_, stop_fd_[0], stop_fd_[1]})
+        if (fd >= 0) close(fd);
+}
+
+void Sandbox::enter_namespaces() {
+    check(unshare(CLONE_NEWNS | CLONE_NEWUTS), "unshare");
+    // Nothing mounted from now on may propagate back to the host.
+    do_mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE);
+    check(sethostname(kHostName, std::strlen(kHostName)), "sethostname");
+}
+
+void Sandbox::build_run() {
+    do_mount("mg-sandbox-run", "/run", "tmpfs", MS_NOSUID, "mode=0755");
+    make_dir(base_, 0700);
+    for (const char *sub : {"/scratch", "/etc-upper", "/etc-work", "/old-dev"}) make_dir(base_ + sub, 0755);
+    // utmpx as login services keep it: present and empty.
+    put_file(kUtmpx, "", false, 0664);
+    make_dir("/run/lock", 01777);
+}
+
+void Sandbox::build_etc() {
+    std::string opts = "lowerdir=/etc,upperdir=" + base_ + "/etc-upper,workdir=" + base_ + "/etc-work";
+    do_mount("mg-sandbox-etc", "/etc", "overlay", 0, opts.c_str());
+    write_etc("nsswitch.conf",
+              "passwd: files\ngroup: files\nshadow: files\ngshadow: files\nhosts: files\n"
+              "networks: files\nservices: files\nprotocols: files\n");
+    write_etc("passwd",
+              "root:x:0:0:root:/root:/bin/sh\n"
+              "nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n");
+    write_etc("shadow", "root:*:19000:0:99999:7:::\nnobody:*:19000:0:99999:7:::\n", 0640);
+    write_etc("group", "root:x:0:\nnogroup:x:65534:\n");
+    write_etc("gshadow", "root:*::\nnogroup:*::\n", 0640);
+    write_etc("hosts", std::string("127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n") +
+                           kHostAddress + "\t" + kHostName + "\n");
+    write_etc("hostname", std::string(kHostName) + "\n");
+    write_etc("resolv.conf", "# no name servers in the sandbox\n");
+}
+
+void Sandbox::build_dev() {
+    const std::string old = base_ + "/old-dev";
+    do_mount("/dev", old, nullptr, MS_BIND | MS_REC);
+    do_mount("mg-sandbox-dev", "/dev", "tmpfs", MS_NOSUID, "mode=0755");
+    for (const char *node : {"null", "zero", "full", "random", "urandom", "tty"})
+        bind_node(old + "/" + node, std::string("/dev/") + node);
+    make_dir("/dev/pts");
+    do_mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=0620");
+    check(symlink("pts/ptmx", "/dev/ptmx"), "symlink /dev/ptmx");
+    make_dir("/dev/shm", 01777);
+    do_mount("mg-sandbox-shm", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+    check(symlink("/proc/self/fd", "/dev/fd"), "symlink /dev/fd");
+    check(symlink("/proc/self/fd/0", "/dev/stdin"), "symlink /dev/stdin");
+    check(symlink("/proc/self/fd/1", "/dev/stdout"), "symlink /dev/stdout");
+    check(symlink("/proc/self/fd/2", "/dev/stderr"), "symlink /dev/stderr");
+    check(umount2(old.c_str(), MNT_DETACH), "umount old /dev");
+}
+
+void Sandbox::open_log_socket() {
+    log_fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (log_fd_ < 0) fail("socket");
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    copy_bounded(addr.sun_path, sizeof addr.sun_path, kLogSocket);
+    check(bind(log_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), "bind /dev/log");
+    check(chmod(kLogSocket, 0666), "chmod /dev/log");
+    int size = 4 << 20;
+    // Best effort: a larger buffer only makes bursts cheaper, the reader drains anyway.
+    (void)setsockopt(log_fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    check(pipe2(stop_fd_, O_CLOEXEC), "pipe");
+    reader_ = std::thread([this] { reader_loop(); });
+}
+
+void Sandbox::reader_loop() {
+    for (;;) {
+        pollfd fds[2] = {{log_fd_, POLLIN, 0}, {stop_fd_[0], POLLIN, 0}};
+        int n = poll(fds, 2, -1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 || (fds[1].revents & POLLIN)) return;
+        if (fds[0].revents & POLLIN) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            drain_locked();
+        }
+        arrived_.notify_all();
+    }
+}
+
+void Sandbox::drain_locked() {
+    static thread_local std::vector<char> buf(1 << 16);
+    for (;;) {
+        ssize_t n = recv(log_fd_, buf.data(), buf.size(), MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return;  // EAGAIN: empty
+        messages_.push_back(parse_syslog_datagram(std::string_view(buf.data(), static_cast<size_t>(n))));
+    }
+}
+
+std::vector<SyslogMessage> Sandbox::syslog() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drain_locked();
+    return messages_;
+}
+
+std::vector<SyslogMessage> Sandbox::take_syslog() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drain_locked();
+    std::vector<SyslogMessage> out;
+    out.swap(messages_);
+    return out;
+}
+
+std::vector<SyslogMessage> Sandbox::wait_syslog(size_t count, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    drain_locked();
+    arrived_.wait_for(lock, timeout, [&] {
+        drain_locked();
+        return messages_.size() >= count;
+    });
+    return messages_;
+}
+
+void Sandbox::write_etc(const std::string &relative, std::string_view content, mode_t mode) {
+    std::string path = "/etc/" + relative;
+    make_dirs(std::filesystem::path(path).parent_path());
+    put_file(path, content, false, mode);
+}
+
+void Sandbox::append_etc(const std::string &relative, std::string_view content) {
+    std::string path = "/etc/" + relative;
+    make_dirs(std::filesystem::path(path).parent_path());
+    put_file(path, content, true, 0644);
+}
+
+void Sandbox::add_user(const std::string &name, uid_t uid, gid_t gid, const std::string &home,
+                       const std::string &shell) {
+    append_etc("passwd", name + ":x:" + std::to_string(uid) + ":" + std::to_string(gid) + ":" + name +
+                             " (test):" + home + ":" + shell + "\n");
+    append_etc("shadow", name + ":*:19000:0:99999:7:::\n");
+}
+
+void Sandbox::add_group(const std::string &name, gid_t gid, const std::vector<std::string> &members) {
+    std::string line = name + ":x:" + std::to_string(gid) + ":";
+    for (size_t i = 0; i < members.size(); ++i) line += (i ? "," : "") + members[i];
+    append_etc("group", line + "\n");
+}
+
+void Sandbox::add_host(const std::string &address, const std::string &names) {
+    append_etc("hosts", address + "\t" + names + "\n");
+}
+
+void Sandbox::add_utmpx(const std::string &user, const std::string &line, const std::string &host, short type,
+                        pid_t pid) {
+    struct utmpx u;
+    std::memset(&u, 0, sizeof u);
+    u.ut_type = type;
+    u.ut_pid = pid != 0 ? pid : next_fake_pid_++;
+    fill_field(u.ut_line, line);
+    fill_field(u.ut_id, line.size() > 4 ? line.substr(line.size() - 4) : line);
+    fill_field(u.ut_user, user);
+    fill_field(u.ut_host, host);
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    u.ut_tv.tv_sec = static_cast<int32_t>(tv.tv_sec);
+    u.ut_tv.tv_usec = static_cast<int32_t>(tv.tv_usec);
+    put_file(kUtmpx, std::string_view(reinterpret_cast<const char *>(&u), sizeof u), true, 0664);
+}
+
+void Sandbox::clear_utmpx() { put_file(kUtmpx, "", false, 0664); }
+
+void Sandbox::make_device(const std::string &name, unsigned major_no, unsigned minor_no) {
+    std::string path = "/dev/" + name;
+    if (name.rfind("pts/", 0) != 0) make_dirs(std::filesystem::path(path).parent_path());
+    if (mknod(path.c_str(), S_IFCHR | 0620, makedev(major_no, minor_no)) != 0 && errno != EEXIST)
+        fail("mknod " + path);
+}
+
+// ---------------------------------------------------------------------------
+// running test bodies
+
+namespace {
+
+int wait_child(pid_t pid) {
+    int st = 0;
+    while (waitpid(pid, &st, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    if (WIFEXITED(st)) return WEXITSTATUS(st);
+    return 128 + WTERMSIG(st);
+}
+
+void skip_not_root() { GTEST_SKIP() << "system tests need root (mount namespaces); skipped"; }
+
+}  // namespace
+
+int run_sandboxed(const std::function<void(Sandbox &)> &body) {
+    std::fflush(nullptr);
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid > 0) return wait_child(pid);
+
+    // Child: never outlive the test process.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(2);
+    int code = 0;
+    {
+        std::optional<Sandbox> sb;
+        try {
+            sb.emplace();
+        } catch (const std::exception &e) {
+            std::fprintf(stderr, "%s\n", e.what());
+            std::fflush(nullptr);
+            _exit(2);
+        }
+        try {
+            body(*sb);
+            code = ::testing::Test::HasFailure() ? 1 : 0;
+        } catch (const std::exception &e) {
+            std::fprintf(stderr, "sandboxed body threw: %s\n", e.what());
+            code = 3;
+        }
+    }
+    std::fflush(nullptr);
+    _exit(code);
+}
+
+bool sandbox_available() {
+    static int cached = -1;
+    if (cached < 0) {
+        if (geteuid() != 0) {
+            cached = 0;
+        } else {
+            std::fflush(nullptr);
+            pid_t pid = fork();
+            if (pid == 0) {
+                int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                if (devnull >= 0) dup2(devnull, STDERR_FILENO);
+                try {
+                    Sandbox sb;
+                } catch (...) {
+                    _exit(1);
+                }
+                _exit(0);
+            }
+            cached = pid > 0 && wait_child(pid) == 0 ? 1 : 0;
+        }
+    }
+    return cached == 1;
+}
+
+bool sandbox_or_skip() {
+    if (sandbox_available()) return true;
+    if (geteuid() == 0) {
+        ADD_FAILURE() << "running as root, but the test sandbox cannot be made "
+                         "(unshare, overlay or tmpfs mounts refused)";
+        return false;
+    }
+    skip_not_root();
+    return false;
+}
+
+}  // namespace mgtest
