@@ -1,0 +1,361 @@
+// Store file layer: installation root, store paths, locked store files across
+// real processes, copies and the rewrite helpers.
+#include <mossgrove/stores.h>
+#include "common/paths.hpp"
+#include "stores/dbfile.hpp"
+#include "testsupport.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+namespace {
+
+using mgtest::file_mode;
+using mgtest::read_file;
+using mgtest::TempDir;
+using mgtest::write_file;
+
+// ---- Installation root -----------------------------------------------------
+
+class RootTest : public ::testing::Test {
+protected:
+    void TearDown() override { mg::paths::override_for_tests(nullptr, nullptr, nullptr); }
+    void use_evmg(const std::string &content) {
+        write_file(dir_ / "evmg", content);
+        mg::paths::override_for_tests((dir_ / "evmg").c_str(), nullptr, nullptr);
+    }
+    TempDir dir_;
+};
+
+TEST_F(RootTest, StorePathsDropExactlyOneTrailingSlash) {
+    use_evmg("MG_ROOT=/opt/x/\n");
+    ASSERT_EQ(chk_mgrootdir(), 1);
+    EXPECT_STREQ(mg_root, "/opt/x/");
+    EXPECT_EQ(set_dbpath(), 1);
+    EXPECT_STREQ(mg_root, "/opt/x");
+    EXPECT_STREQ(mg::stores::g_szMuPath, "/opt/x/data/mls_user");
+    EXPECT_STREQ(mg::stores::g_szMuBakPath, "/opt/x/data/.mls_user_bak");
+    EXPECT_STREQ(mg::stores::g_szCatPath, "/opt/x/data/mls_cat");
+    EXPECT_STREQ(mg::stores::g_szCatBakPath, "/opt/x/data/.mls_cat_bak");
+
+    use_evmg("# root\nMG_ROOT /opt/x//\n");
+    ASSERT_EQ(chk_mgrootdir(), 1);
+    set_dbpath();
+    EXPECT_STREQ(mg::stores::g_szMuPath, "/opt/x//data/mls_user");
+}
+
+TEST_F(RootTest, LongRootIsCutAtTheBuffer) {
+    std::string root = "/" + std::string(1019, 'r');
+    use_evmg("MG_ROOT=" + root + "\n");
+    ASSERT_EQ(chk_mgrootdir(), 1);
+    EXPECT_FALSE(mg::stores::build_store_path(mg::stores::g_szMuPath, "mls_user"));
+    EXPECT_EQ(strlen(mg::stores::g_szMuPath), static_cast<size_t>(MG_PATH_MAX - 1));
+}
+
+TEST_F(RootTest, LibraryCheckReportsMissingFileAndMissingKey) {
+    mg::paths::override_for_tests((dir_ / "absent").c_str(), nullptr, nullptr);
+    errno = 0;
+    EXPECT_EQ(chk_mgrootdir(), -1);
+    EXPECT_EQ(errno, MG_ERR_NO_EVMG);
+
+    use_evmg("OTHER=/opt/y\n");
+    errno = 0;
+    EXPECT_EQ(chk_mgrootdir(), -1);
+    EXPECT_EQ(errno, MG_ERR_NO_MGROOT);
+}
+
+TEST_F(RootTest, ToolCheckEndsTheProcessWithTheFileName) {
+    const std::string missing = dir_ / "absent";
+    mg::paths::override_for_tests(missing.c_str(), nullptr, nullptr);
+    int status = -1;
+    std::string out = mgtest::capture_stdout([] { chk_rootdir(); }, &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("Cannot open " + missing + "."), std::string::npos) << out;
+
+    use_evmg("OTHER=1\n");
+    out = mgtest::capture_stdout([] { chk_rootdir(); }, &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("Cannot get $MG_ROOT on " + (dir_ / "evmg") + "."), std::string::npos) << out;
+
+    use_evmg("MG_ROOT=/opt/z\n");
+    EXPECT_EQ(chk_rootdir(), 1);
+    EXPECT_STREQ(mg_root, "/opt/z");
+}
+
+TEST_F(RootTest, CheckFilesSeesStoreOrBackup) {
+    use_evmg("MG_ROOT=" + dir_.path() + "\n");
+    ASSERT_EQ(mkdir((dir_ / "data").c_str(), 0755), 0);
+    ASSERT_EQ(chk_mgrootdir(), 1);
+    set_dbpath();
+    EXPECT_EQ(mf_check_files(0), 0);
+    EXPECT_EQ(mf_check_files(1), 0);
+    write_file(dir_ / "data/.mls_user_bak", "");
+    EXPECT_EQ(mf_check_files(0), 1);
+    EXPECT_EQ(mf_check_files(1), 0);
+    write_file(dir_ / "data/mls_cat", "");
+    EXPECT_EQ(mf_check_files(1), 1);
+}
+
+// ---- Store files and locks ---------------------------------------------------
+
+// A child process that opens a store with muf_open and holds it until told to
+// let go (or until it is killed).
+class Holder {
+public:
+    Holder(const std::string &path, int mode) {
+        int ready[2], go[2];
+        if (pipe(ready) != 0 || pipe(go) != 0) throw std::runtime_error("pipe");
+        fflush(nullptr);
+        pid_ = fork();
+        if (pid_ < 0) throw std::runtime_error("fork");
+        if (pid_ == 0) {
+            close(ready[0]);
+            close(go[1]);
+            int fd = muf_open(path.c_str(), mode);
+            char answer = fd >= 0 ? 'y' : 'n';
+            if (write(ready[1], &answer, 1) != 1) _exit(2);
+            char c;
+            while (read(go[0], &c, 1) < 0 && errno == EINTR) {
+            }
+            muf_close(fd);
+            _exit(0);
+        }
+        close(ready[1]);
+        close(go[0]);
+        go_ = go[1];
+        char answer = 'n';
+        if (read(ready[0], &answer, 1) != 1) answer = 'n';
+        close(ready[0]);
+        holds_ = answer == 'y';
+    }
+    ~Holder() { release(); }
+    bool holds() const { return holds_; }
+    void release() {
+        if (pid_ <= 0) return;
+        close(go_);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    void kill9() {
+        if (pid_ <= 0) return;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        close(go_);
+        pid_ = -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int go_ = -1;
+    bool holds_ = false;
+};
+
+// Tries muf_open in a separate process, which must answer within seconds (a
+// waiting lock would be killed by the alarm). Returns 'y' for a descriptor,
+// 'E' for -1 with EAGAIN, 'e' for -1 with another errno, 'T' for a time-out.
+char try_open(const std::string &path, int mode) {
+    int rc = mgtest::run_in_child([&] {
+        alarm(5);
+        int fd = muf_open(path.c_str(), mode);
+        if (fd >= 0) return 'y';
+        return errno == EAGAIN ? 'E' : 'e';
+    });
+    return rc == 128 + SIGALRM ? 'T' : static_cast<char>(rc);
+}
+
+class StoreFileTest : public ::testing::Test {
+protected:
+    void SetUp() override { write_file(store_, "record", 0444); }
+    TempDir dir_;
+    std::string store_ = dir_ / "store";
+};
+
+TEST_F(StoreFileTest, MissingFileForReadingIsENOENT) {
+    errno = 0;
+    EXPECT_EQ(muf_open((dir_ / "none").c_str(), 0), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(mgtest::exists(dir_ / "none"));
+    errno = 0;
+    EXPECT_EQ(muf_open(nullptr, 2), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(StoreFileTest, WriterCreatesMarksAndRestoresModes) {
+    const std::string path = dir_ / "new";
+    int fd = muf_open(path.c_str(), O_RDWR);
+    ASSERT_GT(fd, 0);
+    EXPECT_EQ(file_mode(path), 02644u);
+    EXPECT_EQ(mf_get_size(fd), 0);
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+    ASSERT_EQ(write(fd, "abc", 3), 3);
+    muf_close(fd);
+    EXPECT_EQ(file_mode(path), 0444u);
+    EXPECT_EQ(read_file(path), "abc");
+}
+
+TEST_F(StoreFileTest, ReaderMarksWhileHeldAndStartsAtOffsetZero) {
+    int fd = muf_open(store_.c_str(), 0);
+    ASSERT_GT(fd, 0);
+    EXPECT_EQ(file_mode(store_), 02444u);
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 0);
+    char buf[16] = {};
+    EXPECT_EQ(read(fd, buf, sizeof buf), 6);
+    EXPECT_LT(write(fd, "x", 1), 0);  // read-only descriptor
+    muf_close(fd);
+    EXPECT_EQ(file_mode(store_), 0444u);
+}
+
+TEST_F(StoreFileTest, FailedOpenAfterTheModeChangeLeavesTheFileAtRest) {
+    // O_DIRECTORY makes open() fail after the file was made writable.
+    EXPECT_EQ(muf_open(store_.c_str(), O_RDWR | O_DIRECTORY), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(file_mode(store_), 0444u);
+}
+
+TEST_F(StoreFileTest, WriterExcludesReadersAndWritersAtOnce) {
+    Holder writer(store_, O_RDWR);
+    ASSERT_TRUE(writer.holds());
+    EXPECT_EQ(file_mode(store_), 02644u);
+    EXPECT_EQ(try_open(store_, 0), 'E');
+    EXPECT_EQ(try_open(store_, O_RDWR), 'E');
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 0), 1);
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 1);
+    writer.release();
+    EXPECT_EQ(file_mode(store_), 0444u);
+    EXPECT_EQ(try_open(store_, O_RDWR), 'y');
+}
+
+TEST_F(StoreFileTest, ReadersShareAndExcludeWriters) {
+    Holder reader(store_, 0);
+    ASSERT_TRUE(reader.holds());
+    EXPECT_EQ(try_open(store_, 0), 'y');
+    EXPECT_EQ(try_open(store_, O_RDWR), 'E');
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 0), 0);
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 1);
+    Holder second(store_, 0);
+    EXPECT_TRUE(second.holds());
+}
+
+TEST_F(StoreFileTest, CrashedHolderFreesTheStore) {
+    Holder writer(store_, O_RDWR);
+    ASSERT_TRUE(writer.holds());
+    writer.kill9();
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 0);
+    int fd = muf_open(store_.c_str(), O_RDWR);
+    EXPECT_GT(fd, 0);
+    muf_close(fd);
+    EXPECT_EQ(file_mode(store_), 0444u);
+}
+
+TEST_F(StoreFileTest, LockTestOfAMissingFileIsAnError) {
+    EXPECT_EQ(mf_lock_test((dir_ / "none").c_str(), 0), -1);
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 0), 0);
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 0);
+}
+
+TEST_F(StoreFileTest, CloseIgnoresDescriptorZeroAndNegatives) {
+    muf_close(0);
+    muf_close(-1);
+    EXPECT_NE(fcntl(0, F_GETFD), -1) << "standard input was closed";
+}
+
+// ---- Copies -----------------------------------------------------------------------
+
+TEST_F(StoreFileTest, CopyOfAnEmptyFileTruncatesTheTarget) {
+    const std::string empty = dir_ / "empty";
+    write_file(empty, "", 0444);
+    EXPECT_EQ(mf_copy_file(empty.c_str(), store_.c_str()), 1);
+    EXPECT_EQ(read_file(store_), "");
+    EXPECT_EQ(file_mode(store_), 0444u);
+    EXPECT_EQ(file_mode(empty), 0444u);
+}
+
+TEST_F(StoreFileTest, CopyCreatesAMissingTargetAndLeavesNoTemporary) {
+    std::string big(200000, 'q');
+    big[123] = '\0';
+    write_file(store_, big, 0444);
+    const std::string backup = dir_ / ".store_bak";
+    EXPECT_EQ(mf_copy_file(store_.c_str(), backup.c_str()), 1);
+    EXPECT_EQ(read_file(backup), big);
+    EXPECT_EQ(file_mode(backup), 0444u);
+    EXPECT_FALSE(mgtest::exists(backup + ".copy"));
+}
+
+TEST_F(StoreFileTest, CopyFailsOnMissingSourceOrBusyTarget) {
+    const std::string target = dir_ / "target";
+    write_file(target, "old", 0444);
+    EXPECT_EQ(mf_copy_file((dir_ / "none").c_str(), target.c_str()), -1);
+    EXPECT_EQ(read_file(target), "old");
+
+    Holder reader(target, 0);
+    ASSERT_TRUE(reader.holds());
+    EXPECT_EQ(mf_copy_file(store_.c_str(), target.c_str()), -1);
+    reader.release();
+    EXPECT_EQ(read_file(target), "old");
+    EXPECT_EQ(file_mode(store_), 0444u);
+}
+
+TEST_F(StoreFileTest, CopyNeverWritesThroughALeftoverLink) {
+    const std::string victim = dir_ / "victim";
+    write_file(victim, "keep", 0644);
+    const std::string target = dir_ / "target";
+    ASSERT_EQ(symlink(victim.c_str(), (target + ".copy").c_str()), 0);
+    EXPECT_EQ(mf_copy_file(store_.c_str(), target.c_str()), 1);
+    EXPECT_EQ(read_file(victim), "keep");
+    EXPECT_EQ(read_file(target), "record");
+}
+
+// ---- Rewrite helpers ------------------------------------------------------------
+
+TEST_F(StoreFileTest, RewriteReplacesTheStoreAndItsBackup) {
+    const std::string backup = dir_ / ".store_bak";
+    int store_fd = muf_open(store_.c_str(), 0);
+    ASSERT_GT(store_fd, 0);
+    char tmp[MG_PATH_MAX];
+    int tmp_fd = mg::stores::open_rewrite_temp(store_.c_str(), tmp);
+    ASSERT_GE(tmp_fd, 0);
+    EXPECT_EQ(std::string(tmp).rfind(store_ + ".", 0), 0u);
+    ASSERT_EQ(mg::stores::write_all(tmp_fd, "new record", 10), 0);
+    EXPECT_EQ(mg::stores::commit_rewrite(tmp_fd, tmp, store_fd, store_.c_str(), backup.c_str()), 0);
+    EXPECT_EQ(read_file(store_), "new record");
+    EXPECT_EQ(read_file(backup), "new record");
+    EXPECT_EQ(file_mode(store_), 0444u);
+    EXPECT_FALSE(mgtest::exists(tmp));
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 0);
+}
+
+TEST_F(StoreFileTest, AbandonedRewriteLeavesTheStoreAlone) {
+    int store_fd = muf_open(store_.c_str(), 0);
+    ASSERT_GT(store_fd, 0);
+    char tmp[MG_PATH_MAX];
+    int tmp_fd = mg::stores::open_rewrite_temp(store_.c_str(), tmp);
+    ASSERT_GE(tmp_fd, 0);
+    errno = EPERM;
+    mg::stores::abandon_rewrite(tmp_fd, tmp, store_fd);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_FALSE(mgtest::exists(tmp));
+    EXPECT_EQ(read_file(store_), "record");
+    EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 0);
+}
+
+TEST_F(StoreFileTest, RewriteTemplateTakenByADirectoryIs10017) {
+    const long now = static_cast<long>(time(nullptr));
+    for (long t = now; t <= now + 2; ++t)
+        ASSERT_EQ(mkdir((store_ + "." + std::to_string(t) + "XXXXXX").c_str(), 0700), 0);
+    char tmp[MG_PATH_MAX];
+    errno = 0;
+    EXPECT_EQ(mg::stores::open_rewrite_temp(store_.c_str(), tmp), -1);
+    EXPECT_EQ(errno, MG_ERR_TEMPFILE);
+}
+
+}  // namespace
