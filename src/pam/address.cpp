@@ -1,0 +1,134 @@
+// IPv4 helpers of the rule matching: local address, strict dotted quads,
+// host-name resolution that refuses true IPv6, address ranges, numeric fields.
+#include "pam/pam_acl.hpp"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace mg::pam {
+
+in_addr_t get_local_ip(char *buffer, size_t size) noexcept {
+    char host[64] = {};
+    if (gethostname(host, sizeof host - 1) != 0) return kNoAddr;
+    const struct hostent *he = gethostbyname(host);
+    if (he == nullptr) return kNoAddr;
+    if (he->h_addr_list == nullptr || he->h_addr_list[0] == nullptr || he->h_length != 4) {
+        if (buffer != nullptr && size > 0) buffer[0] = '\0';
+        return kNoAddr;
+    }
+    in_addr addr;
+    memcpy(&addr, he->h_addr_list[0], sizeof addr);
+    if (buffer != nullptr && size > 0) bformat(buffer, size, "%s", inet_ntoa(addr));
+    return addr.s_addr;
+}
+
+int netmask_to_cidr(in_addr_t mask) noexcept {
+    uint32_t rest = ~ntohl(mask);
+    int shifts = 0;
+    while (rest != 0) {
+        rest >>= 1;
+        ++shifts;
+    }
+    return 32 - shifts;
+}
+
+in_addr_t dot_quad_addr(const char *text) noexcept {
+    if (text == nullptr) return kNoAddr;
+    int runs = 0;
+    bool in_run = false;
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (*p == '.') {
+            in_run = false;
+        } else if (!in_run) {
+            in_run = true;
+            ++runs;
+        }
+    }
+    return runs == 4 ? inet_addr(text) : kNoAddr;
+}
+
+int split_ip_subnet(uint32_t range[2], char *text) noexcept {
+    if (text == nullptr) return 0;
+    char *slash = strchr(text, '/');
+    if (slash == nullptr) return 0;
+    *slash = '\0';
+    const char *bits = slash + 1;
+    if (*bits == '\0') return 0;
+    in_addr_t addr = dot_quad_addr(text);
+    if (addr == kNoAddr) return 0;
+
+    int prefix;
+    in_addr_t mask = dot_quad_addr(bits);
+    if (mask != kNoAddr)
+        prefix = netmask_to_cidr(mask);
+    else if (strcmp(bits, "255.255.255.255") == 0)
+        prefix = 32;
+    else
+        prefix = atoi(bits);
+    if (prefix < 0 || prefix > 32) return 0;
+
+    uint32_t host = ntohl(addr);
+    if (prefix == 32) {
+        range[0] = range[1] = host;
+    } else if (prefix == 0) {
+        // Only 0.0.0.0/0 means every address; 10.0.0.0/0 matches 0.0.0.0 alone.
+        bool any = strcmp(text, "0.0.0.0") == 0;
+        range[0] = 0;
+        range[1] = any ? 0xFFFFFFFFu : 0;
+    } else {
+        uint32_t netmask = 0xFFFFFFFFu << (32 - prefix);
+        range[0] = host & netmask;
+        range[1] = range[0] | ~netmask;
+    }
+    return 1;
+}
+
+bool ipv6_carries_ipv4(const unsigned char bytes[16], in_addr_t *addr) noexcept {
+    for (int i = 0; i < 8; ++i)
+        if (bytes[i] != 0) return false;
+    if (bytes[8] != 0xFF || bytes[9] != 0xFF || bytes[10] != 0 || bytes[11] != 0) return false;
+    memcpy(addr, bytes + 12, 4);
+    return true;
+}
+
+in_addr_t convert_hostname(const char *name) noexcept {
+    if (name == nullptr) return kNoAddr;
+    const struct hostent *he = gethostbyname(name);
+    if (he == nullptr || he->h_addr_list == nullptr || he->h_addr_list[0] == nullptr) return kNoAddr;
+    if (he->h_addrtype != AF_INET && he->h_addrtype != AF_INET6) return kNoAddr;
+    in_addr_t addr;
+    if (he->h_length == 4) {
+        memcpy(&addr, he->h_addr_list[0], 4);
+        return addr;
+    }
+    if (he->h_length == 16) {
+        if (ipv6_carries_ipv4(reinterpret_cast<const unsigned char *>(he->h_addr_list[0]), &addr))
+            return addr;
+        _log_err(LOG_ERR, "IPv6 address is not supported yet (hostname=%s).", name);
+    }
+    return kNoAddr;
+}
+
+int is_num(const char *text) noexcept {
+    if (text == nullptr || *text == '\0') return 0;
+    if (!isdigit(static_cast<unsigned char>(*text)) && *text != '-') return 0;
+    for (const char *p = text + 1; *p != '\0'; ++p)
+        if (!isdigit(static_cast<unsigned char>(*p))) return 0;
+    return 1;
+}
+
+const char *cut_device_prefix(const char *text) noexcept {
+    if (text == nullptr || text[0] != '/') return text;
+    const char *second = strchr(text + 1, '/');
+    return second != nullptr ? second + 1 : text;
+}
+
+}  // namespace mg::pam
