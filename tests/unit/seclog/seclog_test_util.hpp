@@ -1,0 +1,63 @@
+// Helpers shared by the secure log tests.
+#pragma once
+
+#include <mossgrove/seclog.h>
+
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "seclog/seclog.hpp"
+#include "testsupport.hpp"
+
+namespace seclogtest {
+
+// Back to the state of a fresh process: not initialised, no file.
+inline void reset_writer() {
+    g_nInitSecureLog = 0;
+    mg::seclog::g_szIdent[0] = '\0';
+    mg::seclog::g_szLogFilename[0] = '\0';
+    mg::seclog::g_szLockFilename[0] = '\0';
+    mg::seclog::g_nMaxLogSize = 0;
+    mg::seclog::g_nMaxLogFileCount = 0;
+    mg::seclog::g_nMGLogRotate = 0;
+}
+
+inline SecureLogRecord record(const char *message, const char *program = "PAM-ACL") {
+    SecureLogRecord rec;
+    memset(&rec, 0, sizeof rec);
+    rec.nSource = 7;
+    rec.nFlag = 0x2020001;
+    rec.nLevel = 2;
+    rec.tEvent = 1700000000;
+    snprintf(rec.szProgram, sizeof rec.szProgram, "%s", program);
+    snprintf(rec.szAddress, sizeof rec.szAddress, "%s", "10.1.2.3");
+    snprintf(rec.szMessage, sizeof rec.szMessage, "%s", message);
+    return rec;
+}
+
+inline std::vector<std::string> split(const std::string &text, char sep) {
+    std::vector<std::string> out;
+    std::string piece;
+    std::istringstream in(text);
+    while (std::getline(in, piece, sep)) out.push_back(piece);
+    if (!text.empty() && text.back() == sep) out.emplace_back();
+    return out;
+}
+
+inline std::vector<std::string> lines_of(const std::string &path) {
+    std::vector<std::string> lines = split(mgtest::read_file(path), '\n');
+    if (!lines.empty() && lines.back().empty()) lines.pop_back();
+    return lines;
+}
+
+// "<dir>/mglog.NN"
+inline std::string generation(const std::string &dir, int n) {
+    char name[32];
+    snprintf(name, sizeof name, "/mglog.%02d", n);
+    return dir + name;
+}
+
+}  // namespace seclogtest

@@ -1,0 +1,156 @@
+// What the secure log sends to syslog, read from a datagram socket bound at
+// /dev/log inside a private mount namespace.
+#include <mossgrove/seclog.h>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "common/paths.hpp"
+#include "sandbox.hpp"
+#include "seclog_test_util.hpp"
+
+using namespace seclogtest;
+
+namespace {
+
+constexpr int kUserErr = LOG_USER | LOG_ERR;
+
+// The display form of rec as the writer sends it (tLogged set by the save).
+std::string display(const SecureLogRecord &rec) {
+    char buf[2048];
+    snprintf(buf, sizeof buf, "%d|%d|%d|%d|%d|%s|%s|%s", rec.nSource, rec.nFlag, rec.nLevel,
+             rec.tLogged, rec.tEvent, rec.szProgram, rec.szAddress, rec.szMessage);
+    return buf;
+}
+
+void expect_from_writer(const mgtest::SyslogMessage &m) {
+    EXPECT_EQ("MGLog", m.ident) << m.raw;
+    EXPECT_EQ(getpid(), m.pid) << m.raw;
+    EXPECT_EQ(kUserErr, m.priority) << m.raw;
+}
+
+// The failure record: source of rec, flag 1, level 4, logged and event time
+// equal, then program, address and the failure text.
+void expect_failure_record(const mgtest::SyslogMessage &m, const SecureLogRecord &rec,
+                           const std::string &failure) {
+    expect_from_writer(m);
+    std::vector<std::string> f = split(m.text, '|');
+    ASSERT_EQ(8u, f.size()) << m.text;
+    EXPECT_EQ(std::to_string(rec.nSource), f[0]);
+    EXPECT_EQ("1", f[1]);
+    EXPECT_EQ("4", f[2]);
+    EXPECT_EQ(f[3], f[4]);
+    EXPECT_EQ(rec.szProgram, f[5]);
+    EXPECT_EQ(rec.szAddress, f[6]);
+    EXPECT_EQ(failure, f[7]);
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, SyslogTargetSendsTheDisplayFormVerbatim) {
+    reset_writer();
+    ASSERT_EQ(0, InitSecureLog("MGLog", nullptr, 0, 0, 0));
+    // Conversion specifications in the text reach syslog as they are.
+    SecureLogRecord rec = record("user %s%n%d at 100% denied");
+    ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_SYSLOG, &rec));
+    auto got = sb.wait_syslog(1);
+    ASSERT_EQ(1u, got.size());
+    expect_from_writer(got[0]);
+    EXPECT_EQ(display(rec), got[0].text);
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, FileTargetWithoutAFileGoesToSyslogOnce) {
+    reset_writer();
+    ASSERT_EQ(0, InitSecureLog("MGLog", "", 0, 0, 0));
+    SecureLogRecord rec = record("no file");
+    ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+    ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE | MG_SECLOG_SYSLOG, &rec));
+    auto got = sb.wait_syslog(3, std::chrono::milliseconds(300));
+    ASSERT_EQ(2u, got.size());
+    EXPECT_EQ(display(rec), got[1].text);
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, AllTargetsAtOnce) {
+    reset_writer();
+    std::string current = generation(sb.scratch(), 1);
+    ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), 1000, 2, 1));
+    SecureLogRecord rec = record("everywhere");
+    std::string out = mgtest::capture_stdout([&] {
+        EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_STDOUT | MG_SECLOG_SYSLOG | MG_SECLOG_FILE, &rec));
+    });
+    auto got = sb.wait_syslog(2, std::chrono::milliseconds(300));
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ(got[0].text + "\n", out);
+    EXPECT_EQ(1u, lines_of(current).size());
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, OpenFailureReportsThenSendsTheRecord) {
+    reset_writer();
+    std::string current = generation(sb.scratch(), 1);
+    ASSERT_EQ(0, mkdir(current.c_str(), 0700));  // the name is taken by a directory
+    ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), 1000, 2, 1));
+    SecureLogRecord rec = record("open fails");
+    EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+    auto got = sb.wait_syslog(2);
+    ASSERT_EQ(2u, got.size());
+    expect_failure_record(got[0], rec, "Failed to write SecureLog. [open fail - " + current + "]");
+    expect_from_writer(got[1]);
+    EXPECT_EQ(display(rec), got[1].text);
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, LockFailureReportsErrnoThenSendsTheRecord) {
+    reset_writer();
+    std::string current = generation(sb.scratch(), 1);
+    ASSERT_EQ(0, mkdir((sb.scratch() + "/mglog.lock").c_str(), 0700));
+    ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), 1000, 2, 1));
+    SecureLogRecord rec = record("lock fails");
+    EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+    auto got = sb.wait_syslog(2);
+    ASSERT_EQ(2u, got.size());
+    expect_failure_record(got[0], rec,
+                          "Failed to write SecureLog. [lock fail - " + std::to_string(EISDIR) + "]");
+    EXPECT_EQ(display(rec), got[1].text);
+    EXPECT_FALSE(mgtest::exists(current));
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, ErrorRecordOfAnyOtherKind) {
+    reset_writer();
+    ASSERT_EQ(0, InitSecureLog("MGLog", nullptr, 0, 0, 0));
+    SecureLogRecord rec = record("x", "tool");
+    rec.nSource = 4;
+    EXPECT_EQ(0, ErrorSaveSecureLog(3, &rec));
+    auto got = sb.wait_syslog(1);
+    ASSERT_EQ(1u, got.size());
+    expect_failure_record(got[0], rec, "Failed to write SecureLog.");
+}
+
+MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
+    reset_writer();
+    const std::string root = sb.scratch() + "/root", log = sb.scratch() + "/log";
+    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
+    mgtest::write_file(root + "/conf/mgopt.conf",
+                       "SecureLogDir " + log + "/\nSecureLogSize 1\nSecureLogFileCount 2\n");
+    mgtest::write_file(sb.scratch() + "/evmg", "MG_ROOT=" + root + "/\n");
+    mg::paths::override_for_tests((sb.scratch() + "/evmg").c_str(), nullptr, nullptr);
+    ASSERT_EQ(0, mkdir(log.c_str(), 0700));
+    ASSERT_EQ(0, cmd_init_seclog());
+
+    ASSERT_EQ(0, cmd_save_seclog(3, "a-very-long-program-name", "backup done"));
+    std::vector<std::string> lines = lines_of(log + "/mglog.01");
+    ASSERT_EQ(1u, lines.size());
+    std::vector<std::string> f = split(lines[0], '\t');
+    ASSERT_EQ(8u, f.size());
+    EXPECT_EQ("4", f[0]);
+    EXPECT_EQ("0", f[1]);
+    EXPECT_EQ("3", f[2]);
+    EXPECT_EQ("a-very-long-pro", f[5]);
+    EXPECT_EQ(mgtest::Sandbox::kHostAddress, f[6]);
+    EXPECT_EQ("backup done", f[7]);
+    EXPECT_TRUE(sb.syslog().empty());
+    mg::paths::override_for_tests(nullptr, nullptr, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,271 @@
+// The secure log writer without syslog: set-up, the file and display forms,
+// rotation, the lock file, and the lock between real processes.
+#include <mossgrove/seclog.h>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "seclog_test_util.hpp"
+#include "testsupport.hpp"
+
+using namespace seclogtest;
+
+namespace {
+
+class Writer : public ::testing::Test {
+protected:
+    mgtest::TempDir dir;
+    std::string current = generation(dir.path(), 1);
+    std::string lock_file = dir / "mglog.lock";
+
+    void SetUp() override {
+        reset_writer();
+        umask(022);
+    }
+    void TearDown() override { reset_writer(); }
+
+    void init(int max_size, int count, int rotate) {
+        ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), max_size, count, rotate));
+    }
+    void save(const char *message) {
+        SecureLogRecord rec = record(message);
+        ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+    }
+    // Generations 1..count hold "gen<n>\n"; generation 1 is padded to `size` bytes.
+    void fill_generations(int count, size_t size) {
+        for (int n = 1; n <= count; ++n) {
+            std::string text = "gen" + std::to_string(n) + "\n";
+            if (n == 1) text.resize(size, 'x');
+            mgtest::write_file(generation(dir.path(), n), text);
+        }
+    }
+    // Length of one file line of save("m").
+    size_t line_length() {
+        mgtest::TempDir scratch;
+        std::string probe = generation(scratch.path(), 1);
+        EXPECT_EQ(0, InitSecureLog("MGLog", probe.c_str(), 1 << 30, 1, 1));
+        save("m");
+        size_t n = mgtest::read_file(probe).size();
+        init(1000, 5, 1);
+        return n;
+    }
+};
+
+TEST_F(Writer, NothingIsWrittenBeforeInit) {
+    SecureLogRecord rec = record("early");
+    std::string out = mgtest::capture_stdout([&] {
+        EXPECT_EQ(-1, SaveSecureLog(MG_SECLOG_STDOUT | MG_SECLOG_FILE, &rec));
+    });
+    EXPECT_EQ("", out);
+    EXPECT_EQ(0, rec.tLogged);
+}
+
+TEST_F(Writer, InitRefusesBadSettingsAndKeepsTheOldOnes) {
+    EXPECT_EQ(-1, InitSecureLog(nullptr, current.c_str(), 10, 5, 1));
+    EXPECT_EQ(-1, InitSecureLog("", current.c_str(), 10, 5, 1));
+    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog.01", 0, 5, 1));
+    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog.01", 10, 0, 1));
+    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog.01", 10, 5, 2));
+    // Names derived from the path: it must end in the generation number, and
+    // the lock file and every generation name must fit.
+    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog", 10, 5, 1));
+    EXPECT_EQ(-1, InitSecureLog("MGLog", "1", 10, 5, 1));
+    std::string long_path = "/" + std::string(1015, 'd') + "/mglog.01";
+    EXPECT_EQ(-1, InitSecureLog("MGLog", long_path.c_str(), 10, 5, 1));
+    EXPECT_EQ(0, g_nInitSecureLog);
+
+    init(10, 5, 1);
+    EXPECT_EQ(-1, InitSecureLog("MGLog", "/elsewhere/mglog.01", -1, 5, 0));
+    EXPECT_STREQ(current.c_str(), mg::seclog::g_szLogFilename);
+    EXPECT_STREQ(lock_file.c_str(), mg::seclog::g_szLockFilename);
+
+    // A call without a path changes the identity and keeps the file.
+    EXPECT_EQ(0, InitSecureLog("Other", nullptr, 0, 0, 0));
+    EXPECT_STREQ("Other", mg::seclog::g_szIdent);
+    EXPECT_STREQ(current.c_str(), mg::seclog::g_szLogFilename);
+    EXPECT_EQ(10, mg::seclog::g_nMaxLogSize);
+    EXPECT_EQ(1, mg::seclog::g_nMGLogRotate);
+
+    std::string long_ident(300, 'i');
+    EXPECT_EQ(0, InitSecureLog(long_ident.c_str(), "", 0, 0, 0));
+    EXPECT_EQ(long_ident.substr(0, 255), mg::seclog::g_szIdent);
+}
+
+TEST_F(Writer, FileAndDisplayFormsCarryTheEightFields) {
+    init(100000, 3, 1);
+    SecureLogRecord rec = record("user alice denied");
+    rec.nFlag = -5;
+    std::string out = mgtest::capture_stdout([&] {
+        EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_STDOUT | MG_SECLOG_FILE, &rec));
+    });
+    // The child filled tLogged; read it back from what it printed.
+    std::vector<std::string> shown = split(out, '|');
+    ASSERT_EQ(8u, shown.size()) << out;
+    const std::string logged = shown[3];
+    time_t now = time(nullptr);
+    EXPECT_LE(std::abs(std::stol(logged) - now), 5);
+    EXPECT_EQ("7|-5|2|" + logged + "|1700000000|PAM-ACL|10.1.2.3|user alice denied\n", out);
+    EXPECT_EQ("7\t-5\t2\t" + logged + "\t1700000000\tPAM-ACL\t10.1.2.3\tuser alice denied\n",
+              mgtest::read_file(current));
+
+    // Second record in the same process: tLogged is set in the caller's record.
+    SecureLogRecord again = record("again");
+    ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &again));
+    EXPECT_LE(std::abs(again.tLogged - now), 5);
+    EXPECT_EQ(2u, lines_of(current).size());
+}
+
+TEST_F(Writer, UnterminatedTextFieldsAreBoundedByTheirBuffers) {
+    init(100000, 3, 1);
+    SecureLogRecord rec = record("");
+    memset(rec.szProgram, 'P', sizeof rec.szProgram);
+    memset(rec.szAddress, 'A', sizeof rec.szAddress);
+    memset(rec.szMessage, 'M', sizeof rec.szMessage);
+    ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+    std::vector<std::string> f = split(lines_of(current).at(0), '\t');
+    ASSERT_EQ(8u, f.size());
+    EXPECT_EQ(std::string(16, 'P'), f[5]);
+    EXPECT_EQ(std::string(16, 'A'), f[6]);
+    EXPECT_EQ(std::string(1024, 'M'), f[7]);
+}
+
+TEST_F(Writer, FilesAreCreatedWithTheirModes) {
+    init(100000, 3, 1);
+    save("one");
+    EXPECT_EQ(0644u, mgtest::file_mode(current));
+    EXPECT_EQ(02600u, mgtest::file_mode(lock_file));
+}
+
+TEST_F(Writer, RotationStartsOnlyPastTheLimitPlusSlack) {
+    const size_t line = line_length();  // re-inits with limit 1000, 5 generations
+    // Ends exactly at limit + 2048: no rotation.
+    fill_generations(5, 1000 + 2048 - line);
+    save("m");
+    EXPECT_EQ(1000u + 2048, mgtest::read_file(current).size());
+    EXPECT_EQ("gen5\n", mgtest::read_file(generation(dir.path(), 5)));
+    // One byte more: the write carries the file past it and the generations move.
+    fill_generations(5, 1000 + 2048 - line + 1);
+    const std::string before = mgtest::read_file(current);
+    save("m");
+    EXPECT_EQ("", mgtest::read_file(current));
+    EXPECT_EQ(0644u, mgtest::file_mode(current));
+    EXPECT_EQ(before.size() + line, mgtest::read_file(generation(dir.path(), 2)).size());
+    EXPECT_EQ("gen2\n", mgtest::read_file(generation(dir.path(), 3)));
+    EXPECT_EQ("gen3\n", mgtest::read_file(generation(dir.path(), 4)));
+    EXPECT_EQ("gen4\n", mgtest::read_file(generation(dir.path(), 5)));
+    EXPECT_FALSE(mgtest::exists(generation(dir.path(), 6)));
+}
+
+TEST_F(Writer, RotationOffKeepsTheOldestAndLetsTheCurrentFileGrow) {
+    init(10, 5, 0);
+    fill_generations(5, 5000);
+    save("m");
+    save("m");
+    EXPECT_GT(mgtest::read_file(current).size(), 5000u);
+    for (int n = 2; n <= 5; ++n)
+        EXPECT_EQ("gen" + std::to_string(n) + "\n", mgtest::read_file(generation(dir.path(), n)));
+
+    // Until the oldest generation exists, rotation off still moves files.
+    unlink(generation(dir.path(), 5).c_str());
+    save("m");
+    EXPECT_EQ("", mgtest::read_file(current));
+    EXPECT_EQ("gen4\n", mgtest::read_file(generation(dir.path(), 5)));
+}
+
+TEST_F(Writer, SingleGenerationIsRemovedAndRecreatedEmpty) {
+    init(10, 1, 1);
+    fill_generations(1, 3000);
+    save("m");
+    EXPECT_EQ("", mgtest::read_file(current));
+    EXPECT_FALSE(mgtest::exists(generation(dir.path(), 2)));
+}
+
+TEST_F(Writer, RotationFillsMissingGenerationsInOrder) {
+    // Records of about 1 KB and limit 1: every second write passes limit + 2048.
+    init(1, 4, 1);
+    const std::string pad(1000, '.');
+    for (int i = 0; i < 6; ++i) save(("r" + std::to_string(i) + pad).c_str());
+    EXPECT_EQ("", mgtest::read_file(current));
+    int expect = 0;
+    for (int n = 4; n >= 2; --n)
+        for (const std::string &line : lines_of(generation(dir.path(), n)))
+            EXPECT_EQ("r" + std::to_string(expect++) + pad, split(line, '\t').at(7)) << n;
+    EXPECT_EQ(6, expect);
+}
+
+// ---- The lock, between real processes ---------------------------------------
+
+// Reads one byte; false on end of file.
+bool wait_byte(int fd) {
+    char c;
+    return read(fd, &c, 1) == 1;
+}
+
+TEST_F(Writer, WriterWaitsForTheLockHolder) {
+    init(100000, 3, 1);
+    int held = GetFileLock(lock_file.c_str());
+    ASSERT_GE(held, 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(10);
+        SecureLogRecord rec = record("after the holder");
+        _exit(SaveSecureLog(MG_SECLOG_FILE, &rec) == 0 ? 0 : 1);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    int status = 0;
+    EXPECT_EQ(0, waitpid(child, &status, WNOHANG)) << "the writer did not wait";
+    EXPECT_FALSE(mgtest::exists(current));
+    FreeFileLock(held);
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(1u, lines_of(current).size());
+}
+
+TEST_F(Writer, LockOfAKilledHolderIsFree) {
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        close(ready[0]);
+        if (GetFileLock(lock_file.c_str()) < 0) _exit(1);
+        if (write(ready[1], "x", 1) != 1) _exit(1);
+        pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    ASSERT_TRUE(wait_byte(ready[0]));
+    close(ready[0]);
+    // While the holder lives, a second process cannot take the lock...
+    EXPECT_EQ(0, mgtest::run_in_child([&] {
+        int fd = open(lock_file.c_str(), O_WRONLY);
+        return fd >= 0 && lockf(fd, F_TLOCK, 1) == -1 ? 0 : 1;
+    }));
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    // ...and once it is killed the lock is there at the first try.
+    EXPECT_EQ(0, mgtest::run_in_child([&] {
+        alarm(10);
+        int fd = GetFileLock(lock_file.c_str());
+        return fd >= 0 ? 0 : 1;
+    }));
+}
+
+TEST_F(Writer, GetFileLockFailsOnAnUnusablePath) {
+    EXPECT_EQ(-1, GetFileLock((dir / "no/such/dir/mglog.lock").c_str()));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, GetFileLock(nullptr));
+    FreeFileLock(-1);  // harmless
+}
+
+}  // namespace
