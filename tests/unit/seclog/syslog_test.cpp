@@ -7,6 +7,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "common/paths.hpp"
@@ -149,6 +150,14 @@ MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
     EXPECT_EQ("a-very-long-pro", f[5]);
     EXPECT_EQ(mgtest::Sandbox::kHostAddress, f[6]);
     EXPECT_EQ("backup done", f[7]);
+    EXPECT_LE(std::abs(std::stol(f[3]) - std::stol(f[4])), 1);  // event time: now
+
+    ASSERT_EQ(0, cmd_save_seclog(6, nullptr, nullptr));
+    f = split(lines_of(log + "/mglog.01").at(1), '\t');
+    ASSERT_EQ(8u, f.size());
+    EXPECT_EQ("6", f[2]);
+    EXPECT_EQ("", f[5]);
+    EXPECT_EQ("", f[7]);
     EXPECT_TRUE(sb.syslog().empty());
     mg::paths::override_for_tests(nullptr, nullptr, nullptr);
 }

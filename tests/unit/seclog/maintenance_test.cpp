@@ -1,0 +1,312 @@
+// Secure log maintenance: size, dated backup, shrink, clear, and the two tool
+// entry points.
+#include <mossgrove/seclog.h>
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <tuple>
+
+#include "common/paths.hpp"
+#include "seclog_test_util.hpp"
+#include "testsupport.hpp"
+
+using namespace seclogtest;
+
+namespace {
+
+class Maintenance : public ::testing::Test {
+protected:
+    mgtest::TempDir dir;
+    std::string gen(int n) const { return generation(dir.path(), n); }
+};
+
+// Numbered lines "line 000 ....\n" of varying length, `total` bytes in all.
+std::string records(size_t total) {
+    std::string text;
+    for (int i = 0; text.size() < total; ++i)
+        text += "line " + std::to_string(i) + std::string(static_cast<size_t>(i % 7), '.') + "\n";
+    text.resize(total);
+    return text;
+}
+
+std::vector<std::string> entries(const std::string &path) {
+    std::vector<std::string> names;
+    DIR *d = opendir(path.c_str());
+    if (d == nullptr) return names;
+    while (dirent *e = readdir(d))
+        if (e->d_name[0] != '.') names.emplace_back(e->d_name);
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(Maintenance, SizeAddsThePresentGenerations) {
+    mgtest::write_file(gen(1), std::string(100, 'a'));
+    mgtest::write_file(gen(3), std::string(50, 'c'));
+    EXPECT_EQ(150, GetSecureLogSize(dir.path().c_str(), 3));
+    EXPECT_EQ(100, GetSecureLogSize(dir.path().c_str(), 2));
+    EXPECT_EQ(0, GetSecureLogSize((dir / "empty-dir-that-is-missing").c_str(), 10));
+
+    errno = 0;
+    EXPECT_EQ(-1, GetSecureLogSize(nullptr, 3));
+    EXPECT_EQ(22, errno);
+    errno = 0;
+    EXPECT_EQ(-1, GetSecureLogSize(dir.path().c_str(), 0));
+    EXPECT_EQ(22, errno);
+    // A generation that cannot be examined (a file where the directory should be).
+    mgtest::write_file(dir / "plain", "x");
+    EXPECT_EQ(-1, GetSecureLogSize((dir / "plain").c_str(), 1));
+    EXPECT_EQ(ENOTDIR, errno);
+}
+
+TEST_F(Maintenance, ReduceKeepsTheNewestWholeRecords) {
+    const std::string text = records(1000);
+    mgtest::write_file(gen(1), text);
+    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 1000, 50));
+    const std::string tail = text.substr(500);
+    EXPECT_EQ(tail.substr(tail.find('\n') + 1), mgtest::read_file(gen(1)));
+    EXPECT_EQ(0644u, mgtest::file_mode(gen(1)));
+    EXPECT_FALSE(mgtest::exists(gen(1) + ".tmp"));
+
+    // The keep size counts from `size`, not from the file's own size.
+    mgtest::write_file(gen(1), text);
+    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 400, 50));
+    const std::string last200 = text.substr(800);
+    EXPECT_EQ(last200.substr(last200.find('\n') + 1), mgtest::read_file(gen(1)));
+}
+
+TEST_F(Maintenance, ReduceEdgeCases) {
+    // keep = 10 * 5 / 100 = 0: the file is emptied.
+    mgtest::write_file(gen(1), records(300));
+    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 10, 5));
+    EXPECT_EQ("", mgtest::read_file(gen(1)));
+
+    // No newline among the kept bytes: nothing is kept.
+    mgtest::write_file(gen(1), "a\n" + std::string(200, 'b'));
+    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 100, 50));
+    EXPECT_EQ("", mgtest::read_file(gen(1)));
+
+    // Not larger than the keep size: untouched (same file).
+    mgtest::write_file(gen(1), records(50));
+    struct stat before, after;
+    ASSERT_EQ(0, stat(gen(1).c_str(), &before));
+    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 100, 50));
+    ASSERT_EQ(0, stat(gen(1).c_str(), &after));
+    EXPECT_EQ(before.st_ino, after.st_ino);
+
+    // A stale working file is replaced; a missing file is nothing to do.
+    mgtest::write_file(gen(1), records(300));
+    mgtest::write_file(gen(1) + ".tmp", "stale");
+    EXPECT_EQ(0, ReduceSecureLog(gen(1).c_str(), 100, 90));
+    EXPECT_FALSE(mgtest::exists(gen(1) + ".tmp"));
+    EXPECT_EQ(0, ReduceSecureLog(gen(2).c_str(), 100, 50));
+    EXPECT_FALSE(mgtest::exists(gen(2)));
+
+    for (auto [size, percent] : {std::pair{0, 50}, {10, 0}, {10, 100}}) {
+        errno = 0;
+        EXPECT_EQ(-1, ReduceSecureLog(gen(1).c_str(), size, percent));
+        EXPECT_EQ(22, errno);
+    }
+    EXPECT_EQ(-1, ReduceSecureLog(nullptr, 10, 50));
+}
+
+TEST_F(Maintenance, ReduceFailureLeavesTheFileAndNoWorkingFile) {
+    // The file name is a directory: it can be examined and opened, not read.
+    ASSERT_EQ(0, mkdir(gen(1).c_str(), 0700));
+    struct stat st;
+    ASSERT_EQ(0, stat(gen(1).c_str(), &st));
+    ASSERT_GT(st.st_size, 1);
+    EXPECT_EQ(-1, ReduceSecureLog(gen(1).c_str(), 2, 50));
+    EXPECT_FALSE(mgtest::exists(gen(1) + ".tmp"));
+    EXPECT_TRUE(mgtest::exists(gen(1)));
+}
+
+TEST_F(Maintenance, ClearRemovesGenerationsAndTreatsTheCurrentFile) {
+    auto fill = [&] {
+        for (int n = 1; n <= 10; ++n) mgtest::write_file(gen(n), records(300));
+    };
+    fill();
+    ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 100));
+    EXPECT_EQ((std::vector<std::string>{"mglog.01", "mglog.lock"}), entries(dir.path()));
+    EXPECT_EQ(records(300), mgtest::read_file(gen(1)));
+
+    fill();
+    ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 50));
+    EXPECT_EQ((std::vector<std::string>{"mglog.01", "mglog.lock"}), entries(dir.path()));
+    EXPECT_LE(mgtest::read_file(gen(1)).size(), 50u);
+
+    fill();
+    ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 0));
+    EXPECT_EQ((std::vector<std::string>{"mglog.lock"}), entries(dir.path()));
+    // Nothing left to remove is fine.
+    EXPECT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 0));
+}
+
+TEST_F(Maintenance, ClearRefusesBadArgumentsAndStopsOnARemovalFailure) {
+    const char *relative = "var/log/mg";
+    for (auto [d, size, percent] : {std::tuple{relative, 10, 50}, {dir.path().c_str(), 0, 50},
+                                    {dir.path().c_str(), 10, -1}, {dir.path().c_str(), 10, 101}}) {
+        errno = 0;
+        EXPECT_EQ(-1, ClearSecureLog(d, size, percent));
+        EXPECT_EQ(22, errno);
+    }
+    EXPECT_EQ(-1, ClearSecureLog(nullptr, 10, 50));
+    EXPECT_FALSE(mgtest::exists(dir / "mglog.lock"));
+
+    // Generation 05 is a non-empty directory: removal fails, 01 is not touched.
+    ASSERT_EQ(0, mkdir(gen(5).c_str(), 0700));
+    mgtest::write_file(gen(5) + "/x", "x");
+    mgtest::write_file(gen(1), records(300));
+    EXPECT_EQ(-1, ClearSecureLog(dir.path().c_str(), 100, 0));
+    EXPECT_EQ(records(300), mgtest::read_file(gen(1)));
+}
+
+TEST_F(Maintenance, ClearWaitsForTheWritersLock) {
+    mgtest::write_file(gen(2), "old");
+    int held = GetFileLock((dir / "mglog.lock").c_str());
+    ASSERT_GE(held, 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(10);
+        _exit(ClearSecureLog(dir.path().c_str(), 10, 100) == 0 ? 0 : 1);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(mgtest::exists(gen(2)));
+    FreeFileLock(held);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_FALSE(mgtest::exists(gen(2)));
+}
+
+// Calls backup until two calls fall in the same second (at most a few tries).
+class Backup : public Maintenance {
+protected:
+    std::string root = dir / "backups/nested";
+
+    static std::string stamp(time_t t) {
+        struct tm tm;
+        localtime_r(&t, &tm);
+        char buf[32];
+        strftime(buf, sizeof buf, "%Y%m%d_%H%M%S", &tm);
+        return buf;
+    }
+};
+
+TEST_F(Backup, CopiesThePresentGenerationsIntoADatedDirectory) {
+    mgtest::write_file(gen(1), "first\n", 0600);
+    mgtest::write_file(gen(2), "second\n", 0600);
+    time_t before = time(nullptr);
+    ASSERT_EQ(0, BackupSecureLog(dir.path().c_str(), root.c_str(), 3));
+    time_t after = time(nullptr);
+    std::vector<std::string> made = entries(root);
+    ASSERT_EQ(1u, made.size());
+    EXPECT_TRUE(made[0] == stamp(before) || made[0] == stamp(after)) << made[0];
+    const std::string copy = root + "/" + made[0];
+    EXPECT_EQ(0700u, mgtest::file_mode(copy));
+    EXPECT_EQ((std::vector<std::string>{"mglog.01", "mglog.02"}), entries(copy));
+    EXPECT_EQ("first\n", mgtest::read_file(copy + "/mglog.01"));
+    EXPECT_EQ(0644u, mgtest::file_mode(copy + "/mglog.02"));
+}
+
+TEST_F(Backup, SecondBackupInTheSameSecondFailsAndLeavesTheFirst) {
+    mgtest::write_file(gen(1), "first\n");
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        mgtest::TempDir roots;
+        const std::string r = roots / "b";
+        time_t t0 = time(nullptr);
+        ASSERT_EQ(0, BackupSecureLog(dir.path().c_str(), r.c_str(), 2));
+        int second = BackupSecureLog(dir.path().c_str(), r.c_str(), 2);
+        if (time(nullptr) != t0) continue;  // crossed a second: try again
+        EXPECT_EQ(-1, second);
+        EXPECT_EQ(EEXIST, errno);
+        std::vector<std::string> made = entries(r);
+        ASSERT_EQ(1u, made.size());
+        EXPECT_EQ("first\n", mgtest::read_file(r + "/" + made[0] + "/mglog.01"));
+        return;
+    }
+    FAIL() << "never managed two backups within one second";
+}
+
+TEST_F(Backup, FailedCopyRemovesTheWholeBackup) {
+    mgtest::write_file(gen(1), "first\n");
+    ASSERT_EQ(0, mkdir(gen(2).c_str(), 0700));  // examinable, but not copyable
+    EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), root.c_str(), 3));
+    EXPECT_TRUE(entries(root).empty());
+    EXPECT_TRUE(mgtest::exists(root));  // the parents made on the way stay
+
+    errno = 0;
+    EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), nullptr, 3));
+    EXPECT_EQ(22, errno);
+    EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), root.c_str(), 0));
+}
+
+TEST_F(Backup, LockFailureRemovesTheNewDirectory) {
+    ASSERT_EQ(0, mkdir((dir / "mglog.lock").c_str(), 0700));
+    EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), root.c_str(), 3));
+    EXPECT_TRUE(entries(root).empty());
+}
+
+// ---- Tool entry points --------------------------------------------------------
+
+class ToolEntry : public Maintenance {
+protected:
+    std::string root = dir / "root", log = dir / "log";
+    void SetUp() override {
+        reset_writer();
+        ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+        ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
+        ASSERT_EQ(0, mkdir(log.c_str(), 0755));
+        mgtest::write_file(dir / "evmg", "MG_ROOT " + root + "/\n");
+        mg::paths::override_for_tests((dir / "evmg").c_str(), nullptr, nullptr);
+    }
+    void TearDown() override {
+        mg::paths::override_for_tests(nullptr, nullptr, nullptr);
+        reset_writer();
+    }
+    void options(const std::string &text) { mgtest::write_file(root + "/conf/mgopt.conf", text); }
+};
+
+TEST_F(ToolEntry, InitTakesTheOptionFileWithRotationOff) {
+    options("SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\nModulePending N\n");
+    ASSERT_EQ(0, cmd_init_seclog());
+    EXPECT_EQ(1, g_nInitSecureLog);
+    EXPECT_STREQ("MGLog", mg::seclog::g_szIdent);
+    EXPECT_EQ(log + "/mglog.01", mg::seclog::g_szLogFilename);
+    EXPECT_EQ(log + "/mglog.lock", mg::seclog::g_szLockFilename);
+    EXPECT_EQ(7000000, mg::seclog::g_nMaxLogSize);
+    EXPECT_EQ(4, mg::seclog::g_nMaxLogFileCount);
+    EXPECT_EQ(0, mg::seclog::g_nMGLogRotate);
+}
+
+TEST_F(ToolEntry, InitFailsWithoutRootOrOptions) {
+    EXPECT_EQ(-1, cmd_init_seclog());  // no option file yet
+    options("SecureLogDir relative\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    EXPECT_EQ(-1, cmd_init_seclog());
+    options("SecureLogDir " + log + "\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    mg::paths::override_for_tests((dir / "no-evmg").c_str(), nullptr, nullptr);
+    EXPECT_EQ(-1, cmd_init_seclog());
+    EXPECT_EQ(0, g_nInitSecureLog);
+}
+
+TEST_F(ToolEntry, SaveRefusesLevelsOutsideOneToSix) {
+    options("SecureLogDir " + log + "\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    ASSERT_EQ(0, cmd_init_seclog());
+    EXPECT_EQ(1, cmd_save_seclog(7, "tool", "x"));
+    EXPECT_EQ(1, cmd_save_seclog(0, "tool", "x"));
+    EXPECT_FALSE(mgtest::exists(log + "/mglog.01"));
+}
+
+TEST_F(ToolEntry, SaveBeforeInitFails) { EXPECT_EQ(-1, cmd_save_seclog(3, "tool", "x")); }
+
+}  // namespace
