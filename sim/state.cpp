@@ -1,0 +1,513 @@
+// State file of the simulated kernel: encoding, failure specifications and the
+// locked read-modify-write session around every call.
+#include "state.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+namespace mgsim {
+
+std::array<uint8_t, 22> default_conf() {
+    // MAC, DAC and kill ACL warn; command and setuid restriction warn; file
+    // encryption not supported by this module; every other switch off.
+    std::array<uint8_t, 22> c{};
+    c[0] = 1;
+    c[1] = 1;
+    c[2] = 1;
+    c[6] = 1;
+    c[7] = 1;
+    c[11] = 128;
+    return c;
+}
+
+State::State() : conf(default_conf()) {}
+
+namespace {
+
+constexpr char kMagic[8] = {'M', 'G', 'S', 'I', 'M', 'S', 'T', '1'};
+constexpr uint32_t kFormat = 1;
+constexpr size_t kHeaderSize = sizeof kMagic + 3 * sizeof(uint32_t);
+// Sanity bound on any count in the file, so that a damaged file can't make
+// the decoder allocate without limit.
+constexpr uint32_t kMaxCount = 1u << 20;
+
+uint32_t fnv1a(std::string_view data) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : data) {
+        h ^= c;
+        h *= 16777619u;
+    }
+    return h;
+}
+
+class Writer {
+public:
+    std::string out;
+
+    template <class T>
+    void num(T v) {
+        static_assert(std::is_arithmetic_v<T>);
+        out.append(reinterpret_cast<const char *>(&v), sizeof v);
+    }
+    void str(std::string_view s) {
+        num<uint32_t>(static_cast<uint32_t>(s.size()));
+        out.append(s);
+    }
+    // Records are mostly zero bytes (fixed path and name buffers): zero runs
+    // are stored as a count.
+    void bytes(const void *p, size_t n) {
+        const auto *b = static_cast<const unsigned char *>(p);
+        size_t i = 0;
+        while (i < n) {
+            size_t j = i;
+            while (j < n && b[j] == 0) ++j;
+            if (j > i) {
+                out.push_back('\0');
+                varint(j - i);
+                i = j;
+                continue;
+            }
+            // Literal run until the next run of at least four zero bytes.
+            while (j < n && !(j + 4 <= n && b[j] == 0 && b[j + 1] == 0 && b[j + 2] == 0 && b[j + 3] == 0))
+                ++j;
+            if (j == i) j = i + 1;
+            out.push_back('\1');
+            varint(j - i);
+            out.append(reinterpret_cast<const char *>(b + i), j - i);
+            i = j;
+        }
+    }
+    template <class T>
+    void record(const T &r) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        bytes(&r, sizeof r);
+    }
+    template <class T>
+    void records(const std::vector<T> &v) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        num<uint32_t>(static_cast<uint32_t>(v.size()));
+        bytes(v.data(), v.size() * sizeof(T));
+    }
+
+private:
+    void varint(size_t v) {
+        while (v >= 0x80) {
+            out.push_back(static_cast<char>((v & 0x7f) | 0x80));
+            v >>= 7;
+        }
+        out.push_back(static_cast<char>(v));
+    }
+};
+
+class Reader {
+public:
+    explicit Reader(std::string_view in) : in_(in) {}
+    bool ok = true;
+
+    template <class T>
+    T num() {
+        T v{};
+        if (!take(&v, sizeof v)) ok = false;
+        return v;
+    }
+    std::string str() {
+        uint32_t n = num<uint32_t>();
+        if (!ok || n > in_.size() - pos_) {
+            ok = false;
+            return {};
+        }
+        std::string s(in_.substr(pos_, n));
+        pos_ += n;
+        return s;
+    }
+    void bytes(void *p, size_t n) {
+        auto *b = static_cast<unsigned char *>(p);
+        size_t done = 0;
+        while (ok && done < n) {
+            unsigned char tag = 0;
+            if (!take(&tag, 1)) break;
+            size_t run = varint();
+            if (!ok || run == 0 || run > n - done) {
+                ok = false;
+                break;
+            }
+            if (tag == 0) {
+                memset(b + done, 0, run);
+            } else if (tag == 1 && run <= in_.size() - pos_) {
+                memcpy(b + done, in_.data() + pos_, run);
+                pos_ += run;
+            } else {
+                ok = false;
+                break;
+            }
+            done += run;
+        }
+        if (done != n) ok = false;
+    }
+    template <class T>
+    void record(T *r) {
+        bytes(r, sizeof *r);
+    }
+    template <class T>
+    void records(std::vector<T> *v) {
+        uint32_t n = count();
+        if (!ok) return;
+        v->assign(n, T{});
+        bytes(v->data(), n * sizeof(T));
+    }
+    uint32_t count() {
+        uint32_t n = num<uint32_t>();
+        if (n > kMaxCount) ok = false;
+        return ok ? n : 0;
+    }
+    bool at_end() const { return pos_ == in_.size(); }
+
+private:
+    bool take(void *p, size_t n) {
+        if (n > in_.size() - pos_) return false;
+        memcpy(p, in_.data() + pos_, n);
+        pos_ += n;
+        return true;
+    }
+    size_t varint() {
+        size_t v = 0;
+        for (int shift = 0; shift < 35; shift += 7) {
+            unsigned char c = 0;
+            if (!take(&c, 1)) break;
+            v |= static_cast<size_t>(c & 0x7f) << shift;
+            if (!(c & 0x80)) return v;
+        }
+        ok = false;
+        return 0;
+    }
+    std::string_view in_;
+    size_t pos_ = 0;
+};
+
+void encode_payload(Writer &w, const State &s) {
+    w.num(s.absent);
+    w.str(s.log_path);
+    w.records(s.fails);
+    w.str(s.version);
+    w.num(s.status);
+    w.bytes(s.conf.data(), s.conf.size());
+    w.records(s.procs);
+    w.records(s.setpids);
+    w.num<uint32_t>(static_cast<uint32_t>(s.files.size()));
+    for (const FileEntry &f : s.files) {
+        w.str(f.path);
+        w.record(f.label);
+        w.num(f.is_dir);
+        w.num(f.ino);
+        w.num(f.dev);
+    }
+    w.records(s.users);
+    w.records(s.cats);
+    w.records(s.cmds);
+    w.records(s.su);
+    w.num<uint32_t>(static_cast<uint32_t>(s.facl.size()));
+    for (const FaclEntry &e : s.facl) {
+        w.record(e.hdr);
+        w.records(e.rules);
+    }
+    w.num<uint32_t>(static_cast<uint32_t>(s.fgroups.size()));
+    for (const FgroupEntry &e : s.fgroups) {
+        w.record(e.hdr);
+        w.records(e.rules);
+        w.records(e.members);
+    }
+    w.records(s.kill_acl);
+    w.records(s.setuid_acl);
+    w.records(s.auto_dl);
+    w.records(s.alcmd);
+    w.records(s.origins);
+    for (const auto &table : s.alsvc) {
+        w.num<uint32_t>(static_cast<uint32_t>(table.size()));
+        for (const AlsvcEntry &e : table) {
+            w.record(e.hdr);
+            w.records(e.rules);
+        }
+    }
+    w.str(s.kernlog);
+    w.str(s.seslog);
+    w.str(s.sesuser);
+}
+
+bool decode_payload(Reader &r, State &s) {
+    s.absent = r.num<uint8_t>();
+    s.log_path = r.str();
+    r.records(&s.fails);
+    s.version = r.str();
+    s.status = r.num<int32_t>();
+    r.bytes(s.conf.data(), s.conf.size());
+    r.records(&s.procs);
+    r.records(&s.setpids);
+    s.files.resize(r.count());
+    for (FileEntry &f : s.files) {
+        f.path = r.str();
+        r.record(&f.label);
+        f.is_dir = r.num<uint8_t>();
+        f.ino = r.num<uint64_t>();
+        f.dev = r.num<uint64_t>();
+        if (!r.ok) return false;
+    }
+    r.records(&s.users);
+    r.records(&s.cats);
+    r.records(&s.cmds);
+    r.records(&s.su);
+    s.facl.resize(r.count());
+    for (FaclEntry &e : s.facl) {
+        r.record(&e.hdr);
+        r.records(&e.rules);
+        if (!r.ok) return false;
+    }
+    s.fgroups.resize(r.count());
+    for (FgroupEntry &e : s.fgroups) {
+        r.record(&e.hdr);
+        r.records(&e.rules);
+        r.records(&e.members);
+        if (!r.ok) return false;
+    }
+    r.records(&s.kill_acl);
+    r.records(&s.setuid_acl);
+    r.records(&s.auto_dl);
+    r.records(&s.alcmd);
+    r.records(&s.origins);
+    for (auto &table : s.alsvc) {
+        table.resize(r.count());
+        for (AlsvcEntry &e : table) {
+            r.record(&e.hdr);
+            r.records(&e.rules);
+            if (!r.ok) return false;
+        }
+    }
+    s.kernlog = r.str();
+    s.seslog = r.str();
+    s.sesuser = r.str();
+    return r.ok && r.at_end() && s.version.size() < sizeof(MGModuleInfo::version);
+}
+
+}  // namespace
+
+std::string encode(const State &s) {
+    Writer payload;
+    encode_payload(payload, s);
+    Writer w;
+    w.out.append(kMagic, sizeof kMagic);
+    w.num(kFormat);
+    w.num(static_cast<uint32_t>(payload.out.size()));
+    w.num(fnv1a(payload.out));
+    w.out += payload.out;
+    return std::move(w.out);
+}
+
+bool decode(std::string_view bytes, State *out) {
+    if (bytes.size() < kHeaderSize || memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) return false;
+    Reader head(bytes.substr(sizeof kMagic, kHeaderSize - sizeof kMagic));
+    uint32_t format = head.num<uint32_t>();
+    uint32_t len = head.num<uint32_t>();
+    uint32_t sum = head.num<uint32_t>();
+    std::string_view payload = bytes.substr(kHeaderSize);
+    if (format != kFormat || len != payload.size() || sum != fnv1a(payload)) return false;
+    State s;
+    Reader r(payload);
+    if (!decode_payload(r, s)) return false;
+    *out = std::move(s);
+    return true;
+}
+
+namespace {
+
+bool parse_int(std::string_view text, int32_t *out) {
+    if (text.empty() || text.size() > 11) return false;
+    char buf[16];
+    memcpy(buf, text.data(), text.size());
+    buf[text.size()] = '\0';
+    char *end = nullptr;
+    errno = 0;
+    long v = strtol(buf, &end, 10);
+    if (errno != 0 || *end != '\0' || v < INT32_MIN || v > INT32_MAX) return false;
+    *out = static_cast<int32_t>(v);
+    return true;
+}
+
+std::string_view trim(std::string_view s) {
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\n')) s.remove_suffix(1);
+    return s;
+}
+
+}  // namespace
+
+bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out) {
+    std::vector<FailRule> rules;
+    while (!trim(spec).empty()) {
+        size_t comma = spec.find(',');
+        std::string_view item = trim(spec.substr(0, comma));
+        spec = comma == std::string_view::npos ? std::string_view{} : spec.substr(comma + 1);
+        FailRule r{0, 0, -1};
+        size_t c1 = item.find(':');
+        if (c1 == std::string_view::npos) return false;
+        std::string_view rest = item.substr(c1 + 1);
+        size_t c2 = rest.find(':');
+        if (!parse_int(item.substr(0, c1), &r.sub) || r.sub < 0 || r.sub > 255) return false;
+        if (!parse_int(rest.substr(0, c2), &r.err) || r.err <= 0) return false;
+        if (c2 != std::string_view::npos &&
+            (!parse_int(rest.substr(c2 + 1), &r.remaining) || r.remaining < 1))
+            return false;
+        rules.push_back(r);
+    }
+    *out = std::move(rules);
+    return true;
+}
+
+std::string format_fail_spec(const std::vector<FailRule> &rules) {
+    std::string s;
+    for (const FailRule &r : rules) {
+        if (!s.empty()) s += ',';
+        s += std::to_string(r.sub) + ":" + std::to_string(r.err);
+        if (r.remaining >= 0) s += ":" + std::to_string(r.remaining);
+    }
+    return s;
+}
+
+namespace {
+
+bool read_all(int fd, std::string *out) {
+    char buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return true;
+        out->append(buf, static_cast<size_t>(n));
+    }
+}
+
+bool write_all(int fd, std::string_view data) {
+    while (!data.empty()) {
+        ssize_t n = write(fd, data.data(), data.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+}
+
+}  // namespace
+
+bool Session::open(const std::string &path) {
+    close();
+    path_ = path;
+    dirty = false;
+    was_reset = false;
+    std::string lock = path + ".lock";
+    lock_fd_ = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (lock_fd_ < 0) return false;
+    while (flock(lock_fd_, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            int e = errno;
+            close();
+            errno = e;
+            return false;
+        }
+    }
+    state = State();
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno != ENOENT) {
+            int e = errno;
+            close();
+            errno = e;
+            return false;
+        }
+        dirty = true;  // created on first use
+        return true;
+    }
+    std::string bytes;
+    bool read_ok = read_all(fd, &bytes);
+    ::close(fd);
+    if (!read_ok || !decode(bytes, &state)) {
+        // A damaged file is replaced by a fresh state; say so once.
+        fprintf(stderr, "mgsim: state file %s is damaged; reset to a fresh state\n", path.c_str());
+        state = State();
+        dirty = true;
+        was_reset = true;
+    }
+    return true;
+}
+
+bool Session::commit() {
+    if (lock_fd_ < 0) {
+        errno = EBADF;
+        return false;
+    }
+    if (!dirty) return true;
+    // The whole file is replaced through a temporary file while the lock is
+    // held, so a caller killed at any point leaves either the old or the new
+    // state. No fsync: the state is scratch data of a test run and only has
+    // to survive killed processes, not a crash of the machine.
+    std::string tmp = path_ + ".tmp";
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    std::string bytes = encode(state);
+    bool ok = write_all(fd, bytes);
+    int e = errno;
+    if (::close(fd) != 0 && ok) {
+        ok = false;
+        e = errno;
+    }
+    if (ok && rename(tmp.c_str(), path_.c_str()) != 0) {
+        ok = false;
+        e = errno;
+    }
+    if (!ok) {
+        unlink(tmp.c_str());
+        errno = e;
+        return false;
+    }
+    dirty = false;
+    return true;
+}
+
+void Session::close() {
+    if (lock_fd_ >= 0) {
+        ::close(lock_fd_);  // releases the lock
+        lock_fd_ = -1;
+    }
+}
+
+uint64_t process_start(int pid) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    char buf[1024];
+    ssize_t n = read(fd, buf, sizeof buf - 1);
+    ::close(fd);
+    if (n <= 0) return 0;
+    buf[n] = '\0';
+    // The command name may hold blanks and parentheses: count fields after
+    // its closing parenthesis. The start time is field 22; field 3 follows
+    // the parenthesis.
+    char *p = strrchr(buf, ')');
+    if (p == nullptr) return 0;
+    int field = 2;
+    for (++p; *p != '\0'; ++p) {
+        if (*p == ' ') {
+            ++field;
+            if (field == 22) return strtoull(p + 1, nullptr, 10);
+        }
+    }
+    return 0;
+}
+
+}  // namespace mgsim

@@ -1,0 +1,129 @@
+// The simulated kernel's state: every table, the information block and the
+// simulator's own settings, kept in one file shared by all processes.
+#pragma once
+
+#include "records.hpp"
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mgsim {
+
+inline constexpr const char *kStateEnv = "MGSIM_STATE";
+inline constexpr const char *kFailEnv = "MGSIM_FAIL";
+inline constexpr const char *kLogEnv = "MGSIM_LOG";
+inline constexpr const char *kAbsentEnv = "MGSIM_ABSENT";
+inline constexpr const char *kDefaultVersion = "2.0.8";
+
+// One failure injection: calls of `sub` fail with `err`; `remaining` < 0 means always.
+struct FailRule {
+    int32_t sub;
+    int32_t err;
+    int32_t remaining;
+};
+
+struct ProcEntry {
+    int32_t pid;
+    uint8_t role;
+    uint8_t auth;  // set through sub-command 13 flag 1
+    uint8_t pad[2];
+    int32_t level;
+    int32_t category;
+    uint64_t start;  // process start time when set; guards against pid reuse
+};
+
+struct FileEntry {
+    std::string path;  // canonical path
+    MGFileLabel label;
+    uint8_t is_dir;
+    uint64_t ino;
+    uint64_t dev;
+};
+
+struct FaclEntry {
+    FaclHdr hdr;
+    std::vector<RuleEntry> rules;
+};
+
+struct FgroupEntry {
+    FgroupHdr hdr;
+    std::vector<RuleEntry> rules;
+    std::vector<MemberPath> members;
+};
+
+struct AlsvcEntry {
+    AlsvcHdr hdr;
+    std::vector<AlsvcRule> rules;
+};
+
+struct State {
+    // Simulator settings.
+    uint8_t absent = 0;
+    std::string log_path;
+    std::vector<FailRule> fails;
+    // Information block.
+    std::string version = kDefaultVersion;
+    int32_t status = MG_STATUS_STOPPED;
+    std::array<uint8_t, 22> conf{};
+    // Labels.
+    std::vector<ProcEntry> procs;
+    std::vector<int32_t> setpids;
+    std::vector<FileEntry> files;
+    // Policy tables.
+    std::vector<MuRecord> users;
+    std::vector<CatRecord> cats;
+    std::vector<CmdRecord> cmds;
+    std::vector<SuRecord> su;
+    std::vector<FaclEntry> facl;
+    std::vector<FgroupEntry> fgroups;
+    std::vector<KillAcl> kill_acl;
+    std::vector<SetuidAcl> setuid_acl;
+    std::vector<SetuidAcl> auto_dl;
+    std::vector<AlcmdEntry> alcmd;
+    std::vector<MGLoginOrigin> origins;
+    std::array<std::vector<AlsvcEntry>, 3> alsvc;
+    std::string kernlog;
+    std::string seslog;
+    std::string sesuser;
+
+    State();
+};
+
+// The configuration block a freshly loaded module holds.
+std::array<uint8_t, 22> default_conf();
+
+// Binary state file: encode always succeeds; decode returns false on any damage.
+std::string encode(const State &s);
+bool decode(std::string_view bytes, State *out);
+
+// "sub:errno[:times],..." ; returns false on a malformed specification.
+bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out);
+std::string format_fail_spec(const std::vector<FailRule> &rules);
+
+// A locked view of the state file for one call (or one batch). The state is
+// read on open and written back by commit() when `dirty` was set.
+class Session {
+public:
+    // path: the state file. Fails (returns false, errno set) when the lock
+    // file can't be created or locked.
+    bool open(const std::string &path);
+    bool commit();
+    void close();
+    ~Session() { close(); }
+
+    State state;
+    bool dirty = false;
+    bool was_reset = false;  // the file was corrupt and has been reset
+
+private:
+    std::string path_;
+    int lock_fd_ = -1;
+};
+
+// Process start time of a pid (0 when unknown), from /proc.
+uint64_t process_start(int pid);
+
+}  // namespace mgsim
