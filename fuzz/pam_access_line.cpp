@@ -1,0 +1,52 @@
+// Fuzzes the access rule reader: the input is a whole rule file (read through
+// the same buffered line reader as a real one) checked against a fixed remote
+// request, so every line reaches the permission, service, host, terminal and
+// time matching. Addresses in the input are only parsed, never resolved.
+#include "pam/pam_acl.hpp"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+int memory_file(const uint8_t *data, size_t size) {
+    int fd = memfd_create("rules", MFD_CLOEXEC);
+    if (fd < 0) abort();
+    for (size_t done = 0; done < size;) {
+        ssize_t n = write(fd, data + done, size - done);
+        if (n <= 0) abort();
+        done += static_cast<size_t>(n);
+    }
+    if (lseek(fd, 0, SEEK_SET) != 0) abort();
+    return fd;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    using namespace mg::pam;
+    set_log_sink_for_tests([](int, const char *) {});
+
+    // The first byte picks the remote host's form, so the '!' and pts/ paths
+    // are reached as well as address matching.
+    static const char *const kHosts[] = {"10.1.2.3", "pts/4", " local", nullptr};
+    PamRequest request;
+    snprintf(request.account.name, sizeof request.account.name, "%s", "alice");
+    request.service.assign("sshd");
+    request.rhost.assign(kHosts[size > 0 ? data[0] % 4 : 0]);
+    request.tty.assign(size > 1 && (data[1] & 1) ? nullptr : "pts/3");
+    request.have_now = true;
+    request.now.tm_hour = 17;
+    request.now.tm_mday = 2;
+    request.now.tm_mon = 5;
+    request.now.tm_wday = 1;
+    snprintf(request.rule_path, sizeof request.rule_path, "%s", "fuzz");
+
+    int result = scan_rule_file(request, memory_file(data, size));
+    if (result < 0 || result > 2) abort();
+    return 0;
+}
