@@ -1,0 +1,466 @@
+// Module control against the simulated kernel: status, labels, command
+// privileges, the privileged file operations and the label snapshots.
+#include <mossgrove/kernel.h>
+#include <mossgrove/stores.h>
+#include "common/paths.hpp"
+#include "kernel/control.hpp"
+#include "mgsim.h"
+#include "sandbox.hpp"
+#include "testsupport.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using mgtest::run_in_child;
+using mgtest::TempDir;
+
+class SimTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Children that run under other uids share the simulated kernel.
+        old_umask_ = umask(0);
+        ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+        ASSERT_EQ(mgsim_use_state((dir_ / "state").c_str()), 0);
+        ASSERT_EQ(mgsim_reset(), 0);
+        ASSERT_EQ(mgsim_set_log(log_.c_str()), 0);
+    }
+    void TearDown() override {
+        umask(old_umask_);
+        mgsim_use_state(nullptr);
+        mg::paths::override_for_tests(nullptr, nullptr, nullptr);
+    }
+    // Sub-commands of system call 223 made since the last call (probes left out).
+    std::vector<long> subs() {
+        std::vector<mgsim_call> calls(4096);
+        int n = mgsim_read_log(log_.c_str(), calls.data(), static_cast<int>(calls.size()));
+        std::vector<long> out;
+        for (int i = n_seen_; i < std::min(n, static_cast<int>(calls.size())); ++i)
+            if (calls[i].sub != MGSIM_PROBE) out.push_back(calls[i].sub);
+        n_seen_ = std::max(n, 0);
+        return out;
+    }
+    static bool made(const std::vector<long> &s, long sub) { return std::find(s.begin(), s.end(), sub) != s.end(); }
+    void running_as(int role, int level, int category) {
+        ASSERT_EQ(mgsim_set_status(MG_STATUS_RUNNING), 0);
+        ASSERT_EQ(mgsim_set_proc_label(0, role, level, category), 0);
+    }
+
+    TempDir dir_;
+    std::string log_ = dir_ / "calls.log";
+    int n_seen_ = 0;
+    mode_t old_umask_ = 022;
+};
+
+// ---- Status ------------------------------------------------------------------
+
+TEST_F(SimTest, StatusFollowsTheModule) {
+    for (int status : {MG_STATUS_STOPPED, MG_STATUS_RUNNING, MG_STATUS_SUSPENDED}) {
+        ASSERT_EQ(mgsim_set_status(status), 0);
+        EXPECT_EQ(get_module_status(), status);
+    }
+    EXPECT_EQ(mg_checkmodule(1), 1);
+    EXPECT_NE(mg_checkmodule2(), MG_STATUS_ABSENT);
+
+    ASSERT_EQ(mgsim_set_fail("1:5"), 0);
+    EXPECT_EQ(get_module_status(), MG_STATUS_FAILED);
+    EXPECT_EQ(CheckModuleType(), -1);
+
+    ASSERT_EQ(mgsim_set_absent(1), 0);
+    EXPECT_EQ(get_module_status(), MG_STATUS_ABSENT);
+    EXPECT_EQ(mg_checkmodule(1), 0);
+    EXPECT_EQ(mg_checkmodule2(), MG_STATUS_ABSENT);
+    EXPECT_EQ(CheckModuleType(), -1);
+    MGModuleInfo info;
+    memset(&info, 0x55, sizeof info);
+    EXPECT_EQ(module_info(&info), 0);
+    EXPECT_EQ(info.status, MG_STATUS_ABSENT);
+    EXPECT_EQ(info.version[0], '\0');
+}
+
+TEST_F(SimTest, AbsentModuleEndsAToolWith10101) {
+    ASSERT_EQ(mgsim_set_absent(1), 0);
+    int status = -1;
+    std::string out = mgtest::capture_stdout([] { mg_checkmodule(0); }, &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(out, "MOSSGROVE: Error:The Mossgrove is not loaded or operate incorrectly.\n");
+}
+
+TEST_F(SimTest, ModuleTypeFromTheLastVersionNumber) {
+    const struct {
+        const char *version;
+        int type;
+    } cases[] = {{"x.y.6", 0}, {"x.y.7", 1}, {"x.y.4", 1}, {"2.0.12", 0}, {"3.1.13", 1}, {"nodot", -1}};
+    for (const auto &c : cases) {
+        ASSERT_EQ(mgsim_set_version(c.version), 0);
+        EXPECT_EQ(CheckModuleType(), c.type) << c.version;
+    }
+}
+
+TEST_F(SimTest, SuspendOnlyWhatCanBeSuspended) {
+    running_as(0, 0, 0);
+    subs();
+    EXPECT_EQ(module_suspend(), 0);
+    EXPECT_EQ(get_module_status(), MG_STATUS_SUSPENDED);
+    EXPECT_TRUE(made(subs(), 3));
+    EXPECT_EQ(module_suspend(), 1);
+    EXPECT_FALSE(made(subs(), 3));
+    ASSERT_EQ(mgsim_set_absent(1), 0);
+    EXPECT_EQ(module_suspend(), -1);
+}
+
+// ---- Labels --------------------------------------------------------------------
+
+TEST_F(SimTest, SetProcessLabelChangesOnlyTheNamedFields) {
+    const int pid = getpid();
+    ASSERT_EQ(mgsim_set_proc_label(pid, 5, 3, 77), 0);
+    EXPECT_EQ(set_proc_mls(pid, -1, 2, -1), 0);
+    int label = 0;
+    ASSERT_EQ(get_proc_mls(pid, &label), 0);
+    EXPECT_EQ(label, MG_PLABEL(5, 2, 77));
+    EXPECT_EQ(get_cprole(), 5);
+
+    EXPECT_EQ(set_proc_auth(pid, 6, -1, 1), 0);
+    mgsim_proc procs[64];
+    int n = mgsim_read_table(MGSIM_T_PROC, procs, 64);
+    bool found = false;
+    for (int i = 0; i < n; ++i)
+        if (procs[i].pid == pid) {
+            found = true;
+            EXPECT_EQ(procs[i].auth, 1);
+            EXPECT_EQ(MG_PLABEL(procs[i].role, procs[i].level, procs[i].category), MG_PLABEL(6, 2, 1));
+        }
+    EXPECT_TRUE(found);
+
+    subs();
+    errno = 0;
+    EXPECT_EQ(set_proc_mls(pid, -1, -1, -1), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(subs().empty());
+}
+
+TEST_F(SimTest, UnreadableLabelsReadAsFailure) {
+    ASSERT_EQ(mgsim_set_fail("12:13,22:13"), 0);
+    int label = 99;
+    EXPECT_EQ(get_proc_mls(getpid(), &label), -1);
+    EXPECT_EQ(label, 0);
+    EXPECT_EQ(get_prole(getpid()), -1);
+    EXPECT_EQ(get_pprole(), -1);
+    label = 99;
+    EXPECT_EQ(get_file_mls(log_.c_str(), &label), -1);
+    EXPECT_EQ(label, 0);
+    EXPECT_EQ(set_proc_mls(getpid(), 1, -1, -1), -1);
+}
+
+TEST_F(SimTest, SetFileLabelKeepsTheFlagBit) {
+    const std::string file = dir_ / "f";
+    mgtest::write_file(file, "x");
+    ASSERT_EQ(mgsim_set_file_label(file.c_str(), 1, 1, 3, 10), 0);
+    EXPECT_EQ(set_file_mls(file.c_str(), -1, -1, 20), 0);
+    EXPECT_EQ(mgsim_get_file_label(file.c_str()), MG_FLABEL(1, 1, 3, 20));
+    EXPECT_EQ(set_file_mls(file.c_str(), 2, 5, -1), 0);
+    int label = 0;
+    ASSERT_EQ(get_file_mls(file.c_str(), &label), 0);
+    EXPECT_EQ(label, MG_FLABEL(2, 1, 5, 20));
+    errno = 0;
+    EXPECT_EQ(set_file_mls(file.c_str(), -1, -1, -1), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+// ---- Command privileges -------------------------------------------------------
+
+// Runs fn in a child whose real and effective uids are set first.
+int as_uids(uid_t ruid, uid_t euid, int (*fn)()) {
+    return run_in_child([&] { return setresuid(ruid, euid, 0) == 0 ? fn() : 99; });
+}
+
+TEST_F(SimTest, PrivilegeRulesWhileRunning) {
+    const int me = getpid();
+    running_as(MG_ROLE_SO, 1, 0);
+    EXPECT_EQ(CheckCmdExecPrivSO(me), 0);
+    EXPECT_EQ(CheckCmdExecPrivRoot(me), 0);
+    EXPECT_EQ(CheckCmdExecPrivMU(me), 0);
+    // A forked child's parent is this process, the officer.
+    EXPECT_EQ(run_in_child([] { return CheckCmdExecPrivSOSD() == 0 ? 0 : 1; }), 0);
+
+    running_as(MG_ROLE_SO, 2, 0);
+    EXPECT_EQ(CheckCmdExecPrivSO(me), -1);
+    EXPECT_EQ(CheckCmdExecPrivRoot(me), -1);  // root's uid does not count while running
+    EXPECT_EQ(run_in_child([] { return CheckCmdExecPrivSOSD() == 0 ? 0 : 1; }), 1);
+
+    running_as(3, 1, 0);
+    EXPECT_EQ(CheckCmdExecPrivMU(me), 0);
+    running_as(2, 1, 0);
+    EXPECT_EQ(CheckCmdExecPrivMU(me), -1);
+
+    // An unreadable label reads as role 7, level 7: only the MLS user rule allows.
+    ASSERT_EQ(mgsim_set_fail("12:13"), 0);
+    EXPECT_EQ(CheckCmdExecPrivMU(me), 0);
+    EXPECT_EQ(CheckCmdExecPrivSO(me), -1);
+    EXPECT_EQ(CheckCmdExecPrivRoot(me), -1);
+    EXPECT_EQ(CheckCmdExecPrivSOSD(), -1);
+}
+
+TEST_F(SimTest, PrivilegeRulesInOtherStates) {
+    const int me = getpid();
+    auto root_rule = [] { return CheckCmdExecPrivRoot(getpid()) == 0 ? 0 : 1; };
+    auto sosd_rule = [] { return CheckCmdExecPrivSOSD() == 0 ? 0 : 1; };
+    ASSERT_EQ(mgsim_set_proc_label(0, MG_ROLE_SO, 1, 0), 0);
+    for (int status : {MG_STATUS_STOPPED, MG_STATUS_SUSPENDED}) {
+        ASSERT_EQ(mgsim_set_status(status), 0);
+        EXPECT_EQ(CheckCmdExecPrivSO(me), -1);
+        EXPECT_EQ(CheckCmdExecPrivMU(me), -1);
+        EXPECT_EQ(CheckCmdExecPrivRoot(me), 0);  // effective uid 0
+        EXPECT_EQ(as_uids(0, 1000, root_rule), 1);
+        EXPECT_EQ(as_uids(1000, 0, root_rule), 0);
+    }
+    // Stopped: SOSD looks at the real uid only; suspended: SOSD always refuses.
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_STOPPED), 0);
+    EXPECT_EQ(CheckCmdExecPrivSOSD(), 0);
+    EXPECT_EQ(as_uids(1000, 0, sosd_rule), 1);
+    EXPECT_EQ(as_uids(0, 1000, sosd_rule), 0);
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_SUSPENDED), 0);
+    EXPECT_EQ(CheckCmdExecPrivSOSD(), -1);
+    ASSERT_EQ(mgsim_set_absent(1), 0);
+    EXPECT_EQ(CheckCmdExecPrivSOSD(), -1);
+    EXPECT_EQ(CheckCmdExecPrivRoot(me), 0);
+}
+
+TEST_F(SimTest, KindsWithoutARuleAreAllowed) {
+    EXPECT_EQ(CheckCmdExecPriv(3), 0);
+    EXPECT_EQ(CheckCmdExecPriv(0), 0);
+    // Off the console (the test's standard input is no /dev/tty1).
+    EXPECT_EQ(run_in_child([] {
+                  int null = open("/dev/null", O_RDONLY);
+                  dup2(null, 0);
+                  return (CheckCmdExecConsole() == -1 ? 0 : 1) | (CheckCmdExecPriv(1) == -1 ? 0 : 2) |
+                         (CheckCmdExecPriv(2) == -1 ? 0 : 4) | (CheckCmdExecPriv(4) == -1 ? 0 : 8);
+              }),
+              0);
+}
+
+// Makes /dev/<name> the sandbox's pseudo-terminal and the standard input.
+void console_on(const std::string &slave, const std::string &name) {
+    const std::string dev = "/dev/" + name;
+    int fd = open(dev.c_str(), O_CREAT | O_WRONLY, 0600);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    ASSERT_EQ(mount(slave.c_str(), dev.c_str(), nullptr, MS_BIND, nullptr), 0);
+    fd = open(dev.c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(dup2(fd, STDIN_FILENO), STDIN_FILENO);
+    close(fd);
+}
+
+MG_SANDBOX_TEST(Console, OnlyTty1IsTheConsole) {
+    ASSERT_EQ(mgsim_use_state((sb.scratch() + "/state").c_str()), 0);
+    ASSERT_EQ(mgsim_reset(), 0);
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_RUNNING), 0);
+    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const std::string slave = ptsname(master);
+    const int parent = getppid();
+
+    console_on(slave, "tty2");
+    EXPECT_EQ(CheckCmdExecConsole(), -1);
+    ASSERT_EQ(mgsim_set_proc_label(parent, 5, 0, 0), 0);
+    EXPECT_EQ(CheckCmdExecPrivChpw(), -1);
+
+    console_on(slave, "tty1");
+    EXPECT_EQ(CheckCmdExecConsole(), 0);
+    EXPECT_EQ(CheckCmdExecPrivChpw(), 0);
+    EXPECT_EQ(CheckCmdExecPriv(4), 0);
+    EXPECT_EQ(CheckCmdExecPriv(1), -1);
+    ASSERT_EQ(mgsim_set_proc_label(parent, MG_ROLE_SO, 1, 0), 0);
+    EXPECT_EQ(CheckCmdExecPrivChpw(), -1);
+    EXPECT_EQ(CheckCmdExecPriv(1), 0);
+    EXPECT_EQ(CheckCmdExecPriv(2), 0);
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_STOPPED), 0);
+    EXPECT_EQ(CheckCmdExecPriv(1), 0);  // root's effective uid
+    EXPECT_EQ(CheckCmdExecPriv(2), -1);
+    EXPECT_EQ(CheckCmdExecPriv(4), -1);
+    close(master);
+}
+
+TEST_F(SimTest, ResetOfAllProcessesNeedsTheRunningOfficer) {
+    auto reset = [] { return proc_all_reset() == -1 ? 1 : 0; };
+    running_as(MG_ROLE_SO, 1, 0);
+    subs();
+    EXPECT_EQ(run_in_child(reset), 0);
+    EXPECT_TRUE(made(subs(), 79));
+    ASSERT_EQ(mgsim_set_proc_label(0, 3, 1, 0), 0);
+    EXPECT_EQ(run_in_child(reset), 1);
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_STOPPED), 0);
+    EXPECT_EQ(run_in_child(reset), 1);
+    EXPECT_FALSE(made(subs(), 79));
+}
+
+// ---- Privileged file operations --------------------------------------------------
+
+// Drops the capabilities that let root past file modes, keeping uid 0.
+bool drop_dac_override() {
+    __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (syscall(SYS_capget, &hdr, data) != 0) return false;
+    data[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+    return syscall(SYS_capset, &hdr, data) == 0;
+}
+
+TEST_F(SimTest, SecurityOfficerLabelNeedsTokenRootAndARunningModule) {
+    running_as(0, 0, 0);
+    subs();
+    EXPECT_EQ(SetSOProc("_arm"), -1);
+    EXPECT_EQ(SetSOProc(nullptr), -1);
+    EXPECT_EQ(as_uids(0, 1000, [] { return SetSOProc("_arm_") == -1 ? 0 : 1; }), 0);
+    EXPECT_TRUE(subs().empty());
+
+    ASSERT_EQ(mgsim_set_fail("13:1"), 0);
+    EXPECT_EQ(SetSOProc("_arm_"), -1);
+    ASSERT_EQ(mgsim_set_fail(""), 0);
+    EXPECT_EQ(SetSOProc("_arm_"), 0);
+    EXPECT_EQ(_sys_getmp(getpid()), MG_PLABEL(MG_ROLE_SO, 1, 1));
+    subs();
+    EXPECT_EQ(SetSOProc("_arm_"), 0);  // already the officer: no change
+    EXPECT_FALSE(made(subs(), 13));
+
+    running_as(0, 0, 0);
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_STOPPED), 0);
+    EXPECT_EQ(SetSOProc("_arm_"), 0);
+    EXPECT_EQ(get_cprole(), 0);
+}
+
+TEST_F(SimTest, OtherFailuresAreNotRetried) {
+    running_as(0, 0, 0);
+    subs();
+    errno = 0;
+    EXPECT_EQ(MG_unlink((dir_ / "none").c_str()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(MG_fopen((dir_ / "none").c_str(), "r"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    std::vector<mgsim_call> calls(16);
+    EXPECT_EQ(mgsim_read_log(log_.c_str(), calls.data(), 16), 0) << "the module was consulted";
+}
+
+TEST_F(SimTest, RefusedAccessIsRetriedAsTheOfficer) {
+    const std::string file = dir_ / "locked";
+    mgtest::write_file(file, "secret", 0);
+    running_as(0, 0, 0);
+    subs();
+    const char *path = file.c_str();
+    int rc = run_in_child([path] {
+        if (!drop_dac_override()) return 10;
+        struct stat st;
+        if (MG_stat(path, &st) != 0) return 11;  // stat needs no file permission
+        if (MG_open2(path, O_RDONLY) != -1 || errno != EACCES) return 12;
+        if (_sys_getmp(getpid()) != MG_PLABEL(MG_ROLE_SO, 1, 1)) return 13;
+        if (MG_fopen(path, "r") != nullptr || errno != EACCES) return 14;
+        return 0;
+    });
+    EXPECT_EQ(rc, 0);
+    std::vector<long> s = subs();
+    EXPECT_EQ(std::count(s.begin(), s.end(), 13L), 1) << "one raise, then already the officer";
+}
+
+TEST(RetryAsOfficer, RetriesOnceAfterEACCESOnly) {
+    int calls = 0;
+    auto refused_then_done = [&] { return ++calls == 1 ? (errno = EACCES, -1) : 7; };
+    EXPECT_EQ(mg::kernel::retry_as_so(refused_then_done), 7);
+    EXPECT_EQ(calls, 2);
+
+    calls = 0;
+    auto always_refused = [&] { ++calls; errno = EACCES; return -1; };
+    EXPECT_EQ(mg::kernel::retry_as_so(always_refused), -1);
+    EXPECT_EQ(calls, 2);
+
+    calls = 0;
+    auto missing = [&] { ++calls; errno = ENOENT; return -1; };
+    EXPECT_EQ(mg::kernel::retry_as_so(missing), -1);
+    EXPECT_EQ(calls, 1);
+
+    calls = 0;
+    FILE *stream = stdout;
+    auto null_then_stream = [&]() -> FILE * { return ++calls == 1 ? (errno = EACCES, nullptr) : stream; };
+    EXPECT_EQ(mg::kernel::retry_as_so(null_then_stream), stdout);
+    EXPECT_EQ(calls, 2);
+}
+
+// ---- Label snapshots -------------------------------------------------------------
+
+class SnapshotTest : public SimTest {
+protected:
+    void SetUp() override {
+        SimTest::SetUp();
+        ASSERT_EQ(mkdir(data_.c_str(), 0755), 0);
+        mgtest::write_file(dir_ / "evmg", "MG_ROOT=" + dir_.path() + "/\n");
+        mg::paths::override_for_tests((dir_ / "evmg").c_str(), nullptr, nullptr);
+        for (const char *name : {"a", "b"}) {
+            mgtest::write_file(dir_ / name, name);
+            ASSERT_EQ(mgsim_set_file_label((dir_ / name).c_str(), 1, 0, 2, 5), 0);
+        }
+        ASSERT_EQ(mgsim_set_file_label(data_.c_str(), 2, 1, 4, 6), 0);
+        ASSERT_EQ(mgsim_set_status(MG_STATUS_RUNNING), 0);
+    }
+    std::string data_ = dir_ / "data";
+    std::string mls_file_ = data_ + "/mls_file";
+};
+
+TEST_F(SnapshotTest, KernelRecordsAreWrittenAsTheyCome) {
+    EXPECT_EQ(module_sync(), 0);
+    std::string files = mgtest::read_file(mls_file_);
+    ASSERT_EQ(files.size(), 2u * MG_MLS_LABEL_RECORD_SIZE);
+    std::string kernel(2 * MG_MLS_LABEL_RECORD_SIZE, '\0');
+    ASSERT_EQ(_sys_get_file_mls(kernel.data(), 2), 2);
+    EXPECT_EQ(files, kernel);
+    EXPECT_EQ(mgtest::read_file(data_ + "/mls_dir").size(), 1u * MG_MLS_LABEL_RECORD_SIZE);
+    EXPECT_FALSE(mgtest::exists(mls_file_ + ".tmp"));
+}
+
+TEST_F(SnapshotTest, FailuresKeepTheOldSnapshot) {
+    mgtest::write_file(mls_file_, "old");
+    ASSERT_EQ(mgsim_set_fail("60:5"), 0);
+    EXPECT_EQ(sync_file_mls(), -1);
+    EXPECT_EQ(mgtest::read_file(mls_file_), "old");
+    EXPECT_FALSE(mgtest::exists(mls_file_ + ".tmp"));
+    EXPECT_EQ(module_sync(), -1);
+
+    // A link under the temporary name is refused, not followed.
+    ASSERT_EQ(mgsim_set_fail(""), 0);
+    const std::string victim = dir_ / "victim";
+    mgtest::write_file(victim, "keep");
+    ASSERT_EQ(symlink(victim.c_str(), (mls_file_ + ".tmp").c_str()), 0);
+    errno = 0;
+    EXPECT_EQ(sync_file_mls(), -1);
+    EXPECT_EQ(errno, MG_ERR_TEMPFILE);
+    EXPECT_EQ(mgtest::read_file(victim), "keep");
+
+    ASSERT_EQ(mgsim_set_status(MG_STATUS_SUSPENDED), 0);
+    errno = 0;
+    EXPECT_EQ(sync_dir_mls(), -1);
+    EXPECT_EQ(errno, MG_ERR_NO_MODULE);
+}
+
+TEST_F(SnapshotTest, NoInstallationRootIsQuietSuccess) {
+    mg::paths::override_for_tests((dir_ / "none").c_str(), nullptr, nullptr);
+    subs();
+    EXPECT_EQ(sync_file_mls(), 0);
+    EXPECT_FALSE(mgtest::exists(mls_file_));
+    EXPECT_TRUE(subs().empty());
+    ASSERT_EQ(mgsim_set_absent(1), 0);
+    EXPECT_EQ(module_sync(), 0);
+}
+
+}  // namespace
