@@ -1,0 +1,370 @@
+// The simulator as processes see it: presence, absence, forwarding, failure
+// injection, the call log, one kernel shared by many processes, killed
+// callers, damaged state, dlopen and LD_PRELOAD.
+#include "records.hpp"
+#include "sim_fixture.hpp"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <mossgrove/kernel.h>
+
+#include <chrono>
+#include <random>
+#include <thread>
+
+using namespace simtest;
+
+namespace {
+
+long probe() { return syscall(SYS_kill, MG_PROBE_PID, MG_PROBE_SIG); }
+
+Answer probe_answer() {
+    errno = 0;
+    long r = probe();
+    return {r, r == -1 ? errno : 0};
+}
+
+class Process : public SimTest {};
+
+TEST_F(Process, PresentAbsentAndForwarded) {
+    EXPECT_EQ(ok(0), probe_answer());
+
+    ASSERT_EQ(0, mgsim_set_absent(1));
+    EXPECT_EQ(err(ESRCH), probe_answer());
+    EXPECT_EQ(err(ENOSYS), k(0, nullptr));
+    EXPECT_EQ(err(ENOSYS), k(2));
+    ASSERT_EQ(0, mgsim_set_status(1));
+    EXPECT_EQ(err(ENOSYS), k(2));
+    EXPECT_EQ(1, mgsim_get_status());  // nothing reached the tables
+    ASSERT_EQ(0, mgsim_set_absent(0));
+    EXPECT_EQ(ok(0), probe_answer());
+
+    setenv("MGSIM_ABSENT", "1", 1);
+    EXPECT_EQ(err(ESRCH), probe_answer());
+    EXPECT_EQ(err(ENOSYS), k(14));
+    setenv("MGSIM_ABSENT", "0", 1);
+    EXPECT_EQ(ok(0), probe_answer());
+    unsetenv("MGSIM_ABSENT");
+
+    // Without a state file the module is absent, and no file appears.
+    mgsim_use_state(nullptr);
+    EXPECT_EQ(err(ESRCH), probe_answer());
+    EXPECT_EQ(err(ENOSYS), k(1, nullptr));
+    EXPECT_EQ(-1, mgsim_get_status());
+    EXPECT_EQ(EINVAL, errno);
+    mgsim_use_state(state_.c_str());
+
+    // Everything else reaches the real kernel, errno included.
+    EXPECT_EQ(getpid(), syscall(SYS_getpid));
+    EXPECT_EQ(0, syscall(SYS_kill, getpid(), 0));
+    errno = 0;
+    EXPECT_EQ(-1, syscall(SYS_close, -1));
+    EXPECT_EQ(EBADF, errno);
+    // A successful call leaves errno alone, as the C library's does.
+    errno = 1234;
+    EXPECT_EQ(0, probe());
+    EXPECT_EQ(1234, errno);
+    syscall(223, 14L, 0L, 0L, 0L, 0L);
+    EXPECT_EQ(1234, errno);
+}
+
+TEST_F(Process, InjectedFailuresFromTheEnvironment) {
+    setenv("MGSIM_FAIL", "12:13, 64:1:2", 1);
+    MGProcLabel b = zeroed<MGProcLabel>();
+    EXPECT_EQ(err(EACCES), k(12, &b, 0, 16));
+    EXPECT_EQ(err(EACCES), k(12, &b, 0, 16));
+    MGLoginOrigin o = zeroed<MGLoginOrigin>();
+    EXPECT_EQ(err(EPERM), k(64, &o));
+    EXPECT_EQ(err(EPERM), k(64, &o));
+    EXPECT_EQ(ok(), k(64, &o));
+    EXPECT_EQ(1, mgsim_count(MGSIM_T_ORIGIN));
+
+    // An injected failure changes nothing.
+    setenv("MGSIM_FAIL", "13:1", 1);
+    MGProcLabel so{7, {0, 0, 0}, 1, 1, 0};
+    EXPECT_EQ(err(EPERM), k(13, &so, 0, 16));
+    EXPECT_EQ(0, mgsim_get_proc_label(0, nullptr, nullptr, nullptr));
+
+    // Sub-commands 26 and 28 answer with the number itself.
+    setenv("MGSIM_FAIL", "26:10073", 1);
+    mgsim::CmdRecord c = zeroed<mgsim::CmdRecord>();
+    EXPECT_EQ(ok(10073), k(26, &c, 0, 1));
+
+    // A malformed specification is ignored (with a word on stderr).
+    setenv("MGSIM_FAIL", "12", 1);
+    EXPECT_EQ(ok(), k(12, &b, 0, 16));
+    unsetenv("MGSIM_FAIL");
+}
+
+TEST_F(Process, InjectedFailuresFromTheStateReachEveryProcess) {
+    ASSERT_EQ(0, mgsim_set_fail("2:16:2,15:10012"));
+    char spec[64];
+    EXPECT_EQ(15, mgsim_get_fail(spec, sizeof spec));
+    EXPECT_STREQ("2:16:2,15:10012", spec);
+    // The counted rule is shared: the child uses one failure, the parent the other.
+    int status = mgtest::run_in_child([] {
+        unsetenv("MGSIM_FAIL");
+        return k(2) == err(EBUSY) ? 0 : 1;
+    });
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(err(EBUSY), k(2));
+    EXPECT_EQ(ok(), k(2));
+    mgsim::MuRecord u;
+    EXPECT_EQ(err(10012), k(15, &u, 0, 0));
+    EXPECT_EQ(8, mgsim_get_fail(spec, sizeof spec));
+    EXPECT_STREQ("15:10012", spec);
+
+    // The environment wins over the state for the same sub-command.
+    setenv("MGSIM_FAIL", "15:2", 1);
+    EXPECT_EQ(err(ENOENT), k(15, &u, 0, 0));
+    unsetenv("MGSIM_FAIL");
+
+    EXPECT_EQ(-1, mgsim_set_fail("15"));
+    EXPECT_EQ(-1, mgsim_set_fail("15:0"));
+    EXPECT_EQ(-1, mgsim_set_fail("x:1"));
+    EXPECT_EQ(0, mgsim_set_fail(nullptr));
+    EXPECT_EQ(0, mgsim_get_fail(spec, sizeof spec));
+}
+
+TEST_F(Process, CallLogRecordsEveryCallWhole) {
+    auto *block = static_cast<MGProcLabel *>(malloc(sizeof(MGProcLabel)));
+    memset(block, 0, sizeof *block);
+    block->pid = 77;
+    ASSERT_EQ(ok(), k(12, block, 5, 16, 0));
+    std::string path = dir_ / "p";
+    mgtest::write_file(path, "");
+    EXPECT_EQ(err(EINVAL), k(13, block, addr(path.c_str()), 16, 9));
+    probe();
+    ASSERT_EQ(0, mgtest::run_in_child([] { return k(14) == ok(0) ? 0 : 1; }));
+
+    std::vector<mgsim_call> log = calls();
+    ASSERT_EQ(4u, log.size());
+    EXPECT_EQ(getpid(), log[0].pid);
+    EXPECT_EQ(12, log[0].sub);
+    EXPECT_EQ(reinterpret_cast<unsigned long>(block), log[0].ptr);  // the whole 64-bit address
+    EXPECT_GT(log[0].ptr, 0xffffffffUL);
+    EXPECT_EQ(5, log[0].arg2);
+    EXPECT_EQ(16, log[0].len);
+    EXPECT_EQ(0, log[0].result);
+    EXPECT_EQ(0, log[0].err);
+    EXPECT_EQ(addr(path.c_str()), log[1].arg2);
+    EXPECT_EQ(9, log[1].flag);
+    EXPECT_EQ(-1, log[1].result);
+    EXPECT_EQ(EINVAL, log[1].err);
+    EXPECT_EQ(MGSIM_PROBE, log[2].sub);
+    EXPECT_NE(getpid(), log[3].pid);
+    EXPECT_EQ(14, log[3].sub);
+    free(block);
+
+    // MGSIM_LOG overrides the state's log file.
+    std::string other = dir_ / "other.log";
+    setenv("MGSIM_LOG", other.c_str(), 1);
+    k(14);
+    unsetenv("MGSIM_LOG");
+    EXPECT_EQ(1, mgsim_read_log(other.c_str(), nullptr, 0));
+    EXPECT_EQ(4u, calls().size());
+
+    mgsim_call c;
+    EXPECT_EQ(-1, mgsim_parse_log_line("pid=1 sub=x ptr=0 arg2=0 len=0 flag=0 result=0 errno=0", &c));
+    EXPECT_EQ(-1, mgsim_parse_log_line("garbage", &c));
+}
+
+TEST_F(Process, ForkedProcessesShareOneKernel) {
+    int status = mgtest::run_in_child([] {
+        MGProcLabel b{7, {0, 0, 0}, 1, 0, 0};
+        return k(13, &b, 0, 16) == ok() ? 0 : 1;
+    });
+    ASSERT_EQ(0, status);
+    // The child labelled itself: the label is kept under its pid.
+    mgsim_proc p[2];
+    ASSERT_EQ(1, mgsim_read_table(MGSIM_T_PROC, p, 2));
+    EXPECT_EQ(7, p[0].role);
+    EXPECT_NE(getpid(), p[0].pid);
+}
+
+TEST_F(Process, ConcurrentWritersLoseNoUpdate) {
+    constexpr int kWriters = 3, kEach = 60;
+    std::vector<pid_t> kids;
+    for (int w = 0; w < kWriters; ++w) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int failures = 0;
+            for (int i = 0; i < kEach; ++i) {
+                mgsim::KillAcl e = zeroed<mgsim::KillAcl>();
+                snprintf(e.path, sizeof e.path, "/w%d/p%d", w, i);
+                if (k(44, &e) != ok()) ++failures;
+                MGProcLabel self{static_cast<unsigned char>(i % 8), {0, 0, 0}, 0, 0, 0};
+                if (k(13, &self, 0, 16) != ok()) ++failures;
+            }
+            _exit(failures == 0 ? 0 : 1);
+        }
+        kids.push_back(pid);
+    }
+    for (pid_t pid : kids) {
+        int st = 0;
+        waitpid(pid, &st, 0);
+        EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+    }
+    EXPECT_EQ(kWriters * kEach, mgsim_count(MGSIM_T_KILL));
+    EXPECT_EQ(0, mgsim_check());
+}
+
+TEST_F(Process, CallerKilledMidCallLeavesAUsableState) {
+    // A state of a few hundred kilobytes makes every rewrite take a while.
+    ASSERT_EQ(0, mgsim_batch_begin());
+    std::vector<mgsim::MuRecord> users(300, zeroed<mgsim::MuRecord>());
+    for (size_t i = 0; i < users.size(); ++i) {
+        users[i].uid = static_cast<int32_t>(1000 + i);
+        memset(users[i].home, 'h', sizeof users[i].home - 1);
+    }
+    ASSERT_EQ(ok(), k(17, users.data(), 0, static_cast<long>(users.size())));
+    ASSERT_EQ(0, mgsim_batch_end());
+
+    std::mt19937 rng(42);
+    for (int round = 0; round < 12; ++round) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            for (unsigned i = 0;; ++i) {
+                MGProcLabel self{static_cast<unsigned char>(i % 8), {0, 0, 0}, 0, 0, 0};
+                k(13, &self, 0, 16);
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(2000 + rng() % 20000));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        ASSERT_EQ(0, mgsim_check()) << "round " << round;
+        ASSERT_EQ(300, mgsim_count(MGSIM_T_MU));
+    }
+}
+
+// Runs fn in a child whose standard error goes to a file; returns that text.
+std::string child_stderr(const std::string &file, const std::function<int()> &fn) {
+    mgtest::run_in_child([&] {
+        int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(fd, 2);
+        return fn();
+    });
+    return mgtest::read_file(file);
+}
+
+TEST_F(Process, DamagedStateIsResetAndSaidSo) {
+    ASSERT_EQ(0, mgsim_set_status(1));
+    std::string good = mgtest::read_file(state_);
+    for (const std::string &damage : {std::string("garbage"), good.substr(0, good.size() - 1), std::string()}) {
+        mgtest::write_file(state_, damage);
+        EXPECT_EQ(1, mgsim_check());
+        std::string err_text = child_stderr(dir_ / "stderr", [] {
+            MGModuleInfo info;
+            return k(1, &info, 0, 72) == ok() && info.status == 0 ? 0 : 1;
+        });
+        EXPECT_NE(std::string::npos, err_text.find("damaged")) << err_text;
+        EXPECT_EQ(0, mgsim_check());
+    }
+    // A flipped byte inside the payload is caught by the checksum.
+    std::string flipped = good;
+    flipped[flipped.size() - 3] ^= 0x40;
+    mgtest::write_file(state_, flipped);
+    EXPECT_EQ(1, mgsim_check());
+}
+
+TEST_F(Process, DlopenedLibrariesReachTheSimulator) {
+    void *h = dlopen(MGSIM_TEST_DLCALL, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, h) << dlerror();
+    auto call = reinterpret_cast<long (*)(long, long, long)>(dlsym(h, "mgsim_test_dl_call"));
+    ASSERT_NE(nullptr, call);
+    MGModuleInfo info = zeroed<MGModuleInfo>();
+    EXPECT_EQ(0, call(0, addr(&info), 72));
+    EXPECT_EQ(MG_STATUS_RUNNING, info.status);
+    EXPECT_EQ(MG_STATUS_RUNNING, mgsim_get_status());
+    dlclose(h);
+}
+
+// Runs a program that knows nothing of the simulator with it preloaded.
+std::string run_preloaded(const std::string &state, int *status) {
+    return mgtest::capture_stdout(
+        [&] {
+            std::string asan = "verify_asan_link_order=0";
+            if (const char *old = getenv("ASAN_OPTIONS")) asan = std::string(old) + ":" + asan;
+            setenv("ASAN_OPTIONS", asan.c_str(), 1);
+            setenv("LD_PRELOAD", MGSIM_PRELOAD_LIB, 1);
+            if (state.empty())
+                unsetenv("MGSIM_STATE");
+            else
+                setenv("MGSIM_STATE", state.c_str(), 1);
+            execl(MGSIM_PRELOAD_HELPER, MGSIM_PRELOAD_HELPER, static_cast<char *>(nullptr));
+            _exit(127);
+        },
+        status);
+}
+
+TEST_F(Process, PreloadedIntoAnUnawareProgram) {
+    int status = -1;
+    std::string out = run_preloaded(state_, &status);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("probe=0 start=0 status=1 getpid=ok\n", out);
+    EXPECT_EQ(MG_STATUS_RUNNING, mgsim_get_status());
+    EXPECT_EQ(2u, calls().size());
+
+    out = run_preloaded("", &status);
+    EXPECT_EQ("probe=-1 start=-1 status=0 getpid=ok\n", out);
+}
+
+ino_t inode(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+TEST_F(Process, BatchHoldsTheStateAndWritesOnce) {
+    ino_t before = inode(state_);
+    ASSERT_EQ(0, mgsim_batch_begin());
+    EXPECT_EQ(-1, mgsim_batch_begin());
+    for (int i = 0; i < 1000; ++i) {
+        mgsim::KillAcl e = zeroed<mgsim::KillAcl>();
+        snprintf(e.path, sizeof e.path, "/bin/p%d", i);
+        ASSERT_EQ(ok(), k(44, &e));
+    }
+    EXPECT_EQ(1000, mgsim_count(MGSIM_T_KILL));
+    EXPECT_EQ(before, inode(state_));  // nothing written yet
+    ASSERT_EQ(0, mgsim_batch_end());
+    EXPECT_NE(before, inode(state_));
+    EXPECT_EQ(-1, mgsim_batch_end());
+    EXPECT_EQ(ok(1000), k(47));
+}
+
+TEST_F(Process, CommandLineTool) {
+    std::string ctl = MGSIMCTL;
+    auto run = [&](const std::string &args) {
+        int status = -1;
+        std::string out = mgtest::capture_stdout(
+            [&] {
+                std::string cmd = ctl + " " + args;
+                execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char *>(nullptr));
+                _exit(127);
+            },
+            &status);
+        return std::make_pair(status, out);
+    };
+    EXPECT_EQ(0, run("status running").first);
+    EXPECT_EQ(std::make_pair(0, std::string("1\n")), run("status"));
+    EXPECT_EQ(0, run("label 31337 7 1 0").first);
+    EXPECT_EQ(std::make_pair(0, std::string("role=7 level=1 category=0 label=57472\n")), run("label 31337"));
+    EXPECT_EQ(0, run("version 9.9.9").first);
+    EXPECT_EQ(std::make_pair(0, std::string("9.9.9\n")), run("version"));
+    EXPECT_EQ(0, run("absent on").first);
+    EXPECT_EQ(err(ESRCH), probe_answer());
+    EXPECT_EQ(0, run("absent off").first);
+    EXPECT_EQ(0, run("fail 12:13:1").first);
+    EXPECT_EQ(std::make_pair(0, std::string("12:13:1\n")), run("fail"));
+    EXPECT_EQ(std::make_pair(0, std::string("1\n")), run("count proc"));
+    auto dump = run("dump proc");
+    EXPECT_NE(std::string::npos, dump.second.find("pid=31337 role=7 level=1")) << dump.second;
+    EXPECT_EQ(std::make_pair(0, std::string("ok\n")), run("check"));
+    EXPECT_EQ(2, run("count nosuchtable 2>/dev/null").first);
+    EXPECT_EQ(0, run("reset").first);
+    EXPECT_EQ(0, mgsim_count(MGSIM_T_PROC));
+}
+
+}  // namespace
