@@ -1,0 +1,179 @@
+#include <mossgrove/common.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "common/paths.hpp"
+#include "testsupport.hpp"
+
+using mgtest::TempDir;
+using mgtest::write_file;
+
+namespace {
+
+class Conf : public ::testing::Test {
+protected:
+    void TearDown() override {
+        close_conf();
+        mg::paths::override_for_tests(nullptr, nullptr, nullptr);
+    }
+    // Loads content as a configuration file; the result of read_conf.
+    int load(const std::string &content) {
+        const std::string path = dir_ / "test.conf";
+        write_file(path, content);
+        return read_conf(path.c_str());
+    }
+    std::string value_of(const char *key) {
+        char value[1024] = "junk";
+        return get_conf(key, value) == 1 ? std::string(value) : "<missing:" + std::string(value) + ">";
+    }
+    TempDir dir_;
+};
+
+}  // namespace
+
+TEST_F(Conf, LineForms) {
+    ASSERT_EQ(load("# a comment\n"
+                   "\n"
+                   "KEY1   value1   # trailing comment\n"
+                   "KEY2=value2\n"
+                   "KEY3 = value3\n"
+                   "   # indented comment\n"
+                   "KEY4\n"
+                   "key5#value5\n"
+                   "Dup first\n"
+                   "DUP second\n"
+                   "\tKEY6\tvalue6\n"),
+              1);
+    EXPECT_EQ(value_of("KEY1"), "value1");
+    EXPECT_EQ(value_of("key2"), "value2") << "keys are case-insensitive";
+    EXPECT_EQ(value_of("KEY3"), "value3");
+    EXPECT_EQ(value_of("KEY4"), "") << "a key alone has an empty value";
+    EXPECT_EQ(value_of("KEY5"), "value5");
+    EXPECT_EQ(value_of("dup"), "first") << "the first of repeated keys wins";
+    EXPECT_EQ(value_of("KEY6"), "value6");
+    EXPECT_EQ(value_of("#"), "<missing:>") << "not found empties the caller's buffer";
+    EXPECT_EQ(value_of("KEY"), "<missing:>");
+    EXPECT_STREQ(get_conf_ptr("Key1"), "value1");
+    EXPECT_EQ(get_conf_ptr("nope"), nullptr);
+}
+
+TEST_F(Conf, FilesWithoutSignificantLinesFail) {
+    EXPECT_EQ(load(""), 0);
+    EXPECT_EQ(load("# only\n\n# comments\n"), 0);
+    EXPECT_EQ(read_conf((dir_ / "missing").c_str()), 0);
+    EXPECT_EQ(read_conf(dir_.path().c_str()), 0) << "a directory";
+    EXPECT_EQ(read_conf(nullptr), 0);
+    EXPECT_EQ(load("   \n"), 1) << "a blank line that is not empty counts, though it holds no key";
+    EXPECT_EQ(get_conf_ptr(""), nullptr);
+}
+
+TEST_F(Conf, FailedReadKeepsTableAndCloseForgetsIt) {
+    ASSERT_EQ(load("A 1\n"), 1);
+    EXPECT_EQ(read_conf((dir_ / "missing").c_str()), 0);
+    EXPECT_EQ(load("# nothing\n"), 0);
+    EXPECT_EQ(value_of("A"), "1");
+    EXPECT_EQ(close_conf(), 1);
+    EXPECT_EQ(get_conf_ptr("A"), nullptr) << "no lookup reaches a freed table";
+    EXPECT_EQ(close_conf(), 1);
+}
+
+// read_conf does not free the previous table: values handed out stay readable.
+// In a child, since the abandoned table is never freed.
+TEST_F(Conf, PreviousTableIsNotFreedByReadConf) {
+    EXPECT_EQ(mgtest::run_in_child([&] {
+                  if (load("OLD kept\n") != 1) return 1;
+                  const char *old = get_conf_ptr("OLD");
+                  if (load("NEW x\n") != 1) return 2;
+                  if (get_conf_ptr("OLD") != nullptr) return 3;
+                  return strcmp(old, "kept") == 0 ? 0 : 4;
+              }),
+              0);
+}
+
+TEST_F(Conf, KeyAndValueLimits) {
+    const std::string key(300, 'K'), value(1500, 'v');
+    ASSERT_EQ(load(key + " " + value + "\n"), 1);
+    EXPECT_EQ(get_conf_ptr(key.c_str()), nullptr) << "the stored key is cut to 255";
+    const char *v = get_conf_ptr(key.substr(0, 255).c_str());
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(std::string(v), value.substr(0, 1023));
+}
+
+TEST_F(Conf, HostileInput) {
+    // A line longer than the 2048-byte read: its tail is read as a line of its own.
+    std::string text = "LONG " + std::string(3000, 'x') + " tailvalue\nNEXT ok\n";
+    // NUL bytes end the text of their line; a key that ends the text has no value.
+    text += std::string("NUL\0hidden value\n", 17);
+    text += std::string("NV v\0w\n", 7);
+    // The last line has no newline and no value: nothing from earlier lines leaks in.
+    text += "LAST";
+    ASSERT_EQ(load(text), 1);
+    EXPECT_EQ(value_of("LONG"), std::string(1023, 'x'));
+    EXPECT_EQ(value_of("NEXT"), "ok");
+    EXPECT_EQ(value_of("NUL"), "");
+    EXPECT_EQ(value_of("hidden"), "<missing:>");
+    EXPECT_EQ(value_of("NV"), "v");
+    EXPECT_EQ(value_of("LAST"), "");
+    close_conf();
+    EXPECT_EQ(load("A 1\nB"), 1);
+    EXPECT_EQ(value_of("B"), "") << "not the rest of the previous line";
+    close_conf();
+    EXPECT_EQ(load("K v"), 1);
+    EXPECT_EQ(value_of("K"), "v");
+}
+
+TEST_F(Conf, HundredThousandLines) {
+    std::string text;
+    for (int i = 0; i < 100000; ++i) text += "key" + std::to_string(i) + " value" + std::to_string(i) + "\n";
+    ASSERT_EQ(load(text), 1);
+    EXPECT_EQ(value_of("KEY0"), "value0");
+    EXPECT_EQ(value_of("key99999"), "value99999");
+}
+
+TEST_F(Conf, CountLinesFromCurrentPosition) {
+    const std::string path = dir_ / "lines";
+    write_file(path, "a\n#b\n\nc\n  \n" + std::string(3000, 'z') + "\n");
+    FILE *f = fopen(path.c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(count_lines(f), 5) << "a, c, the blank line and both pieces of the long line";
+    ASSERT_EQ(fseek(f, 2, SEEK_SET), 0);
+    EXPECT_EQ(count_lines(f), 4);
+    fclose(f);
+    EXPECT_EQ(count_lines(nullptr), -1);
+}
+
+TEST_F(Conf, InstallationRoot) {
+    const std::string evmg = dir_ / "evmg";
+    mg::paths::override_for_tests(evmg.c_str(), nullptr, nullptr);
+    char root[1024];
+
+    errno = 0;
+    EXPECT_EQ(get_mgroot(root, sizeof root), -1);
+    EXPECT_EQ(errno, MG_ERR_NO_EVMG) << "no file";
+
+    write_file(evmg, "MG_ROOT=/opt/x/\n");
+    ASSERT_EQ(get_mgroot(root, sizeof root), 0);
+    EXPECT_STREQ(root, "/opt/x");
+    EXPECT_EQ(get_conf_ptr("MG_ROOT"), nullptr) << "the table is closed again";
+    ASSERT_EQ(get_mgroot(root, 4), 0);
+    EXPECT_STREQ(root, "/op");
+
+    write_file(evmg, "mg_root /srv/mg\n");
+    ASSERT_EQ(get_mgroot(root, sizeof root), 0);
+    EXPECT_STREQ(root, "/srv/mg");
+
+    for (const char *bad : {"MG_ROOT=/\n", "MG_ROOT\n", "OTHER=/x\n"}) {
+        write_file(evmg, bad);
+        errno = 0;
+        EXPECT_EQ(get_mgroot(root, sizeof root), -1) << bad;
+        EXPECT_EQ(errno, MG_ERR_NO_MGROOT) << bad;
+    }
+    errno = 0;
+    EXPECT_EQ(get_mgroot(nullptr, 10), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(get_mgroot(root, 0), -1);
+}

@@ -1,0 +1,133 @@
+#include <mossgrove/common.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+class TokSlots : public ::testing::Test {
+protected:
+    void SetUp() override { init_tokslot(); }
+    void TearDown() override { init_tokslot(); }
+};
+
+// All fields of a split kept in one slot, until NULL.
+std::vector<std::string> all_fields(char *str, int ch, int slot) {
+    std::vector<std::string> out;
+    for (char *f = xsplit_at(str, ch, slot); f != nullptr; f = xsplit_at(nullptr, ch, slot)) out.push_back(f);
+    return out;
+}
+
+}  // namespace
+
+TEST_F(TokSlots, SplitKeepsEmptyAndTrailingFields) {
+    char line[] = "a,,b,";
+    int slot = get_tokslot();
+    ASSERT_GE(slot, 0);
+    EXPECT_EQ(all_fields(line, ',', slot), (std::vector<std::string>{"a", "", "b", ""}));
+    EXPECT_EQ(xsplit_at(nullptr, ',', slot), nullptr) << "stays finished";
+
+    char none[] = "abc";
+    EXPECT_EQ(all_fields(none, ',', slot), std::vector<std::string>{"abc"});
+    char nul_sep[] = "a,b";
+    EXPECT_EQ(all_fields(nul_sep, '\0', slot), std::vector<std::string>{"a,b"}) << "NUL never separates";
+}
+
+TEST_F(TokSlots, NestedSplitsAreIndependent) {
+    char line[] = "a=1,b=2;c=3";
+    int outer = get_tokslot(), inner = get_tokslot();
+    ASSERT_NE(outer, inner);
+    std::vector<std::string> seen;
+    for (char *group = xsplit_at(line, ';', outer); group; group = xsplit_at(nullptr, ';', outer))
+        for (char *pair = xsplit_at(group, ',', inner); pair; pair = xsplit_at(nullptr, ',', inner))
+            seen.push_back(pair);
+    EXPECT_EQ(seen, (std::vector<std::string>{"a=1", "b=2", "c=3"}));
+}
+
+TEST_F(TokSlots, EleventhSlotIsRefusedAndReturnsAreReused) {
+    for (int i = 0; i < MG_TOKSLOT_COUNT; ++i) EXPECT_EQ(get_tokslot(), i);
+    EXPECT_EQ(get_tokslot(), -1);
+    char line[] = "x:y";
+    char *fields[2] = {};
+    EXPECT_EQ(xparse_string(line, ':', fields, 2), 0) << "no slot free";
+    EXPECT_STREQ(line, "x:y");
+    return_tokslot(3);
+    return_tokslot(MG_TOKSLOT_COUNT);  // out of range: ignored
+    return_tokslot(-1);
+    EXPECT_EQ(get_tokslot(), 3);
+    EXPECT_EQ(get_tokslot(), -1);
+    EXPECT_EQ(xsplit_at(line, ':', MG_TOKSLOT_COUNT), nullptr);
+}
+
+TEST_F(TokSlots, ParseStringCountsFieldsAndGivesSlotBack) {
+    char line[] = "user:tty:host:mon:0800:1700";
+    char *f[6] = {};
+    EXPECT_EQ(xparse_string(line, ':', f, 6), 1);
+    EXPECT_STREQ(f[0], "user");
+    EXPECT_STREQ(f[5], "1700");
+
+    char short_line[] = "a:b";
+    char keep[] = "untouched";
+    char *g[4] = {nullptr, nullptr, keep, keep};
+    EXPECT_EQ(xparse_string(short_line, ':', g, 4), -1);
+    EXPECT_STREQ(g[1], "b");
+    EXPECT_EQ(g[2], keep) << "unused entries are left alone";
+
+    char long_line[] = "a:b:c";
+    char *h[2] = {};
+    EXPECT_EQ(xparse_string(long_line, ':', h, 2), 1);
+    EXPECT_STREQ(h[1], "b") << "text after the n-th field is ignored";
+
+    for (int i = 0; i < MG_TOKSLOT_COUNT; ++i) EXPECT_EQ(get_tokslot(), i) << "every slot was given back";
+}
+
+TEST(Split, SplitAtAndCountChar) {
+    char line[] = "key:value:more";
+    char *rest = split_at(line, ':');
+    EXPECT_STREQ(line, "key");
+    EXPECT_STREQ(rest, "value:more");
+    char plain[] = "novalue";
+    EXPECT_EQ(split_at(plain, ':'), nullptr);
+    EXPECT_STREQ(plain, "novalue");
+    EXPECT_EQ(split_at(plain, '\0'), nullptr);
+
+    EXPECT_EQ(count_char("a:b::c", ':'), 3);
+    EXPECT_EQ(count_char("", ':'), 0);
+    EXPECT_EQ(count_char(nullptr, ':'), -1);
+}
+
+TEST(GetToken, KeyValueForms) {
+    char spaced[] = "  KEY   value   # comment\n";
+    EXPECT_STREQ(get_token(spaced), "KEY");
+    EXPECT_STREQ(get_token(nullptr), "value");
+    EXPECT_EQ(get_token(nullptr), nullptr) << "a '#' ends the line";
+
+    char eq[] = "KEY = value\n";
+    EXPECT_STREQ(get_token(eq), "KEY");
+    EXPECT_STREQ(get_token(nullptr), "value");
+
+    char hash[] = "KEY#value\n";
+    EXPECT_STREQ(get_token(hash), "KEY");
+    EXPECT_STREQ(get_token(nullptr), "value") << "a '#' right behind the key ends only the key";
+
+    char comment[] = "   # nothing\n";
+    EXPECT_EQ(get_token(comment), nullptr);
+}
+
+// A token that runs to the end of the string leaves the continuation where it
+// was, so continuing repeats it.
+TEST(GetToken, ContinuationStaysAtTokenThatEndsTheString) {
+    char line[] = "key value";
+    EXPECT_STREQ(get_token(line), "key");
+    EXPECT_STREQ(get_token(nullptr), "value");
+    EXPECT_STREQ(get_token(nullptr), "value");
+}
+
+TEST(GetToken, LongTokenIsCutAndTheNextOneFollows) {
+    std::string line = std::string(1500, 'k') + " v\n";
+    EXPECT_EQ(strlen(get_token(line.data())), 1023u);
+    EXPECT_STREQ(get_token(nullptr), "v");
+}
