@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 bool mg::kernel::module_running() noexcept { return get_module_status() == MG_STATUS_RUNNING; }
 
@@ -89,16 +90,9 @@ int proc_all_reset(void) noexcept {
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(void *p) const noexcept { free(p); }
-};
-
 // Removes the temporary file of a failed snapshot; errno is kept.
 int drop_temp(int fd, const char *tmp) {
-    int saved = errno;
-    if (fd >= 0) close(fd);
-    unlink(tmp);
-    errno = saved;
+    mg::stores::abandon_rewrite(fd, tmp, -1);
     return -1;
 }
 
@@ -128,8 +122,11 @@ int sync_labels(const char *name, int (*count_records)(), int (*fetch)(void *, i
 
     if (count > 0) {
         const size_t size = static_cast<size_t>(count) * MG_MLS_LABEL_RECORD_SIZE;
-        std::unique_ptr<char, FreeDeleter> records(static_cast<char *>(calloc(1, size)));
-        if (!records) return drop_temp(fd, tmp);
+        std::unique_ptr<char[]> records(new (std::nothrow) char[size]());
+        if (!records) {
+            errno = ENOMEM;
+            return drop_temp(fd, tmp);
+        }
         int got = fetch(records.get(), count);
         if (got < 0) return drop_temp(fd, tmp);
         // The kernel never fills more than it was asked for; a larger answer
@@ -138,12 +135,7 @@ int sync_labels(const char *name, int (*count_records)(), int (*fetch)(void *, i
         if (mg::stores::write_all(fd, records.get(), static_cast<size_t>(got) * MG_MLS_LABEL_RECORD_SIZE) != 0)
             return drop_temp(fd, tmp);
     }
-    // Durable before it takes the target's name: a power cut leaves the old
-    // or the new snapshot.
-    if (fsync(fd) != 0) return drop_temp(fd, tmp);
-    if (close(fd) != 0) return drop_temp(-1, tmp);
-    if (rename(tmp, target) != 0) return drop_temp(-1, tmp);
-    return 0;
+    return mg::stores::install_temp(fd, tmp, target);
 }
 
 }  // namespace

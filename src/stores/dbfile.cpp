@@ -41,28 +41,6 @@ constexpr mode_t kModeWriteLocked = 02644;
 // Lock types as the system numbers them: read 0, write 1, unlock 2.
 static_assert(F_RDLCK == 0 && F_WRLCK == 1 && F_UNLCK == 2, "lock type numbering");
 
-// Closes a descriptor on scope exit; keeps errno as it was.
-class Fd {
-public:
-    explicit Fd(int fd = -1) noexcept : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const noexcept { return fd_; }
-    int release() noexcept { int fd = fd_; fd_ = -1; return fd; }
-    void reset() noexcept {
-        if (fd_ >= 0) {
-            int saved = errno;
-            close(fd_);
-            errno = saved;
-        }
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
-
 // A descriptor from muf_open, released with muf_close on scope exit.
 class StoreFd {
 public:
@@ -80,10 +58,6 @@ private:
     int fd_;
 };
 
-struct FreeDeleter {
-    void operator()(void *p) const noexcept { free(p); }
-};
-
 // The set-group-ID marking is only a mark: exclusion comes from the record
 // lock itself, so a process allowed to lock but not to change the mode (not the
 // owner) still gets its lock.
@@ -97,13 +71,15 @@ void rest_path(const char *path) noexcept {
     if (chmod(path, kModeRest) != 0) errno = saved;
 }
 
-int read_all(int fd, void *buf, size_t len) noexcept {
-    auto *p = static_cast<char *>(buf);
+// Moves len bytes with read() or write(), going on after short transfers and
+// EINTR; an end of file before the last byte is EIO (the file shrank).
+template <class Byte, class Io>
+int transfer_all(int fd, Byte *p, size_t len, Io io) noexcept {
     while (len > 0) {
-        ssize_t n = read(fd, p, len);
+        ssize_t n = io(fd, p, len);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            if (n == 0) errno = EIO;  // the file shrank under us
+            if (n == 0) errno = EIO;
             return -1;
         }
         p += n;
@@ -112,8 +88,12 @@ int read_all(int fd, void *buf, size_t len) noexcept {
     return 0;
 }
 
-// Reads the whole root key of the "/etc/.evmg" file into mg_root.
-// 1 on success; 0 when the file cannot be read; -1 when MG_ROOT is missing.
+int read_all(int fd, void *buf, size_t len) noexcept {
+    return transfer_all(fd, static_cast<char *>(buf), len, ::read);
+}
+
+// Reads the key MG_ROOT of the file that names the installation root into
+// mg_root. 1 on success; 0 when the file cannot be read; -1 when MG_ROOT is missing.
 int load_root() noexcept {
     if (read_conf(mg::paths::evmg()) != 1) return 0;
     char value[1024];
@@ -147,18 +127,7 @@ bool build_store_path(char (&dst)[MG_PATH_MAX], const char *name) noexcept {
 #endif
 
 int write_all(int fd, const void *buf, size_t len) noexcept {
-    const auto *p = static_cast<const char *>(buf);
-    while (len > 0) {
-        ssize_t n = write(fd, p, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return -1;
-        }
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return 0;
+    return transfer_all(fd, static_cast<const char *>(buf), len, ::write);
 }
 
 int open_rewrite_temp(const char *store, char (&tmp)[MG_PATH_MAX]) noexcept {
@@ -177,23 +146,24 @@ void abandon_rewrite(int tmp_fd, const char *tmp, int store_fd) noexcept {
     errno = saved;
 }
 
-int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
-                   const char *backup) noexcept {
-    // The temporary file reaches the disk before it takes the store's name, so
-    // that a power cut leaves either the old or the new store.
-    if (fsync(tmp_fd) != 0) {
-        abandon_rewrite(tmp_fd, tmp, store_fd);
+int install_temp(int fd, const char *tmp, const char *target) noexcept {
+    // Durable before it takes the target's name, so that a crash or power cut
+    // leaves either the old or the new file.
+    if (fsync(fd) != 0) {
+        abandon_rewrite(fd, tmp, -1);
         return -1;
     }
-    if (close(tmp_fd) != 0) {
-        abandon_rewrite(-1, tmp, store_fd);
-        return -1;
-    }
-    muf_close(store_fd);
-    if (rename(tmp, store) != 0) {
+    if (close(fd) != 0 || rename(tmp, target) != 0) {
         abandon_rewrite(-1, tmp, -1);
         return -1;
     }
+    return 0;
+}
+
+int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
+                   const char *backup) noexcept {
+    muf_close(store_fd);
+    if (install_temp(tmp_fd, tmp, store) != 0) return -1;
     rest_path(store);
     if (backup != nullptr) mf_copy_file(store, backup);
     return 0;
@@ -276,21 +246,22 @@ long mf_get_size(int fd) noexcept {
     return static_cast<long>(st.st_size);
 }
 
-int lock_reg(int fd, int cmd, int type, off_t offset, int whence, off_t len) noexcept {
+static struct flock lock_of(int type, off_t offset, int whence, off_t len) noexcept {
     struct flock lock {};
     lock.l_type = static_cast<short>(type);
     lock.l_whence = static_cast<short>(whence);
     lock.l_start = offset;
     lock.l_len = len;
+    return lock;
+}
+
+int lock_reg(int fd, int cmd, int type, off_t offset, int whence, off_t len) noexcept {
+    struct flock lock = lock_of(type, offset, whence, len);
     return fcntl(fd, cmd, &lock);
 }
 
 int lock_test(int fd, int type, off_t offset, int whence, off_t len) noexcept {
-    struct flock lock {};
-    lock.l_type = static_cast<short>(type);
-    lock.l_whence = static_cast<short>(whence);
-    lock.l_start = offset;
-    lock.l_len = len;
+    struct flock lock = lock_of(type, offset, whence, len);
     if (fcntl(fd, F_GETLK, &lock) < 0) return -1;
     return lock.l_type;
 }
@@ -401,9 +372,9 @@ int mf_copy_file(const char *from, const char *to) noexcept {
 
     long size = mf_get_size(src.get());
     if (size < 0) return -1;
-    std::unique_ptr<char, FreeDeleter> buf;
+    std::unique_ptr<char[]> buf;
     if (size > 0) {
-        buf.reset(static_cast<char *>(malloc(static_cast<size_t>(size))));
+        buf.reset(new (std::nothrow) char[static_cast<size_t>(size)]);
         if (!buf) return set_errno(ENOMEM);
         if (read_all(src.get(), buf.get(), static_cast<size_t>(size)) != 0) return -1;
     }
@@ -414,18 +385,13 @@ int mf_copy_file(const char *from, const char *to) noexcept {
     // The name is ours while we hold the target's write lock; a leftover from a
     // crash is removed, and nothing is followed through a link.
     if (unlink(tmp) != 0 && errno != ENOENT) return -1;
-    Fd out(open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
-    if (out.get() < 0) return -1;
-    bool ok = (size == 0 || write_all(out.get(), buf.get(), static_cast<size_t>(size)) == 0) &&
-              fchmod(out.get(), kModeRest) == 0 && fsync(out.get()) == 0 &&
-              close(out.release()) == 0 && rename(tmp, to) == 0;
-    if (!ok) {
-        int saved = errno;
-        out.reset();
-        unlink(tmp);
-        errno = saved;
+    int out = open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    if (out < 0) return -1;
+    if ((size > 0 && write_all(out, buf.get(), static_cast<size_t>(size)) != 0) || fchmod(out, kModeRest) != 0) {
+        abandon_rewrite(out, tmp, -1);
         return -1;
     }
+    if (install_temp(out, tmp, to) != 0) return -1;
     rest_path(to);
     return 1;
 }

@@ -25,9 +25,9 @@ bool build_store_path(char (&dst)[MG_PATH_MAX], const char *name) noexcept;
 // a non-regular file stands under the template name, else the system's).
 int open_rewrite_temp(const char *store, char (&tmp)[MG_PATH_MAX]) noexcept;
 
-// Store rewrite, final step: fsyncs and closes the temporary file, releases
-// the store (muf_close(store_fd), ignored when store_fd <= 0), renames the
-// temporary file onto the store, sets 0444 and, when backup is non-null,
+// Store rewrite, final step: releases the store (muf_close(store_fd), ignored
+// when store_fd <= 0), installs the temporary file over the store
+// (install_temp), sets 0444 and, when backup is non-null,
 // copies the store onto its backup. Returns 0, or -1 when the temporary file
 // cannot be made durable or renamed (the temporary file is then removed).
 // A failed backup copy does not fail the rewrite: the store itself is in place.
@@ -37,6 +37,11 @@ int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
 // Store rewrite abandoned: closes and removes the temporary file and releases
 // the store. errno is preserved for the caller.
 void abandon_rewrite(int tmp_fd, const char *tmp, int store_fd) noexcept;
+
+// Makes the temporary file tmp (open as fd) durable and renames it onto
+// target: fsync, close, rename. On failure the temporary file is removed and
+// -1 returned with the system's errno.
+int install_temp(int fd, const char *tmp, const char *target) noexcept;
 
 // Writes the whole buffer (retrying short writes and EINTR): 0 or -1.
 int write_all(int fd, const void *buf, size_t len) noexcept;
