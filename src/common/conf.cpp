@@ -131,6 +131,6 @@ int get_mgroot(char *buffer, int size) noexcept {
     size_t len = strlen(root);
     if (len <= 1) return set_errno(MG_ERR_NO_MGROOT);
     if (root[len - 1] == '/') root[--len] = '\0';
-    snprintf(buffer, static_cast<size_t>(size), "%s", root);
+    mg::text::copy_cut(buffer, static_cast<size_t>(size), root);
     return 0;
 }

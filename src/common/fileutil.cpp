@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/handles.hpp"
+#include "common/text.hpp"
 
 namespace {
 
@@ -85,7 +86,7 @@ char *mg_dirname(const char *path, char *dst, int size) noexcept {
     if (path == nullptr || dst == nullptr || size < 1) return nullptr;
     std::string dir;
     if (!dirname_of(path, dir)) return nullptr;
-    snprintf(dst, static_cast<size_t>(size), "%s", dir.c_str());
+    mg::text::copy_cut(dst, static_cast<size_t>(size), dir.c_str());
     return dst;
 }
 

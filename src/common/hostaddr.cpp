@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/text.hpp"
+
 namespace {
 
 constexpr size_t kHostNameBuf = 300;
@@ -24,7 +26,7 @@ int get_ipaddr_by_hostname(const char *name, char *dst, int size) noexcept {
         return -1;
     in_addr addr;
     memcpy(&addr, host->h_addr_list[0], sizeof addr);
-    snprintf(dst, static_cast<size_t>(size), "%s", inet_ntoa(addr));
+    mg::text::copy_cut(dst, static_cast<size_t>(size), inet_ntoa(addr));
     int32_t result;
     memcpy(&result, &addr.s_addr, sizeof result);
     return result;

@@ -20,6 +20,12 @@ bool all_digits(const char *s) {
 
 }  // namespace
 
+void mg::text::copy_cut(char *dst, size_t size, const char *src) noexcept {
+    const size_t n = strnlen(src, size - 1);
+    memmove(dst, src, n);
+    memset(dst + n, 0, size - n);
+}
+
 int _isdigits(const char *s) noexcept {
     if (s == nullptr) return -1;
     if (!all_digits(s)) return set_errno(MG_ERR_NOT_NUMERIC);

@@ -17,6 +17,10 @@ constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 // occurs, so no caller can step past the end of the string.
 char *find_sep(const char *s, int ch) noexcept;
 
+// Copies at most size - 1 characters of src into dst and zeroes the rest of
+// dst, its last byte included (size must be at least 1).
+void copy_cut(char *dst, size_t size, const char *src) noexcept;
+
 // Longest token get_token hands out; longer tokens are cut.
 inline constexpr size_t kMaxToken = 1023;
 

@@ -51,7 +51,11 @@ TEST(Files, Dirname) {
         ASSERT_EQ(mg_dirname(path, dst, sizeof dst), dst) << path;
         EXPECT_STREQ(dst, dir) << path;
     }
+    memset(dst, 'x', sizeof dst);
     EXPECT_STREQ(mg_dirname("/abc/d", dst, 3), "/a") << "cut to size - 1";
+    memset(dst, 'x', sizeof dst);
+    mg_dirname("/a/b", dst, 8);
+    EXPECT_EQ(dst[7], '\0') << "the last byte is always cleared";
     EXPECT_EQ(mg_dirname(nullptr, dst, 3), nullptr);
     EXPECT_EQ(mg_dirname("/a", dst, 0), nullptr);
 }
