@@ -1,0 +1,113 @@
+// Time windows of access rules, with the clock set by libfaketime. The
+// binary re-executes itself with libfaketime preloaded when it is not, so it
+// runs the same from ctest and by hand.
+#include "system_common.hpp"
+
+#include <unistd.h>
+
+#include <security/pam_appl.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#ifndef MG_FAKETIME_LIB
+#error "the build must define MG_FAKETIME_LIB"
+#endif
+
+namespace mgsys {
+namespace {
+
+Items from(const std::string &rhost) { return {rhost, std::string("pts/3"), std::nullopt}; }
+
+// Freezes the clock at a local (UTC in the sandbox) time.
+void clock_at(const char *when) { ASSERT_EQ(setenv("FAKETIME", when, 1), 0); }
+
+bool faked() {
+    const char *preload = getenv("LD_PRELOAD");
+    return preload != nullptr && std::strstr(preload, "faketime") != nullptr;
+}
+
+class TimeWindows : public ::testing::TestWithParam<Kernel> {};
+
+TEST_P(TimeWindows, HoursDaysMonthsAndWeekdays) {
+    ASSERT_TRUE(faked()) << "libfaketime is not preloaded";
+    Kernel kernel = GetParam();
+    in_world(kernel, [&](World &w) {
+        w.modes("on", "on");
+        w.default_rules("x:-:*:*::\n");
+        struct Case {
+            const char *window;
+            const char *when;
+            int rc;
+        };
+        const Case cases[] = {
+            // office hours: 9 to 17, the end hour excluded; Monday to Friday
+            {"9-17 * * 1-5", "2024-01-15 09:00:00", PAM_SUCCESS},      // Monday
+            {"9-17 * * 1-5", "2024-01-15 16:59:59", PAM_SUCCESS},
+            {"9-17 * * 1-5", "2024-01-15 17:30:00", PAM_PERM_DENIED},
+            {"9-17 * * 1-5", "2024-01-15 08:59:59", PAM_PERM_DENIED},
+            {"9-17 * * 1-5", "2024-01-19 10:00:00", PAM_SUCCESS},      // Friday
+            {"9-17 * * 1-5", "2024-01-20 10:00:00", PAM_PERM_DENIED},  // Saturday
+            {"9-17 * * 1-5", "2024-01-21 10:00:00", PAM_PERM_DENIED},  // Sunday is 0
+            {"* * * 0", "2024-01-21 10:00:00", PAM_SUCCESS},
+            // a single hour is an empty range and never matches
+            {"9 * * *", "2024-01-15 09:30:00", PAM_PERM_DENIED},
+            // days of the month and months include both ends; single values match
+            {"* 1-15 * *", "2024-01-15 23:59:59", PAM_SUCCESS},
+            {"* 1-15 * *", "2024-01-16 00:00:00", PAM_PERM_DENIED},
+            {"* 15 * *", "2024-02-15 12:00:00", PAM_SUCCESS},
+            {"* * 1-3 *", "2024-03-31 12:00:00", PAM_SUCCESS},
+            {"* * 1-3 *", "2024-04-01 12:00:00", PAM_PERM_DENIED},
+            {"* * 12 *", "2024-12-01 12:00:00", PAM_SUCCESS},
+            {"0-24 * * *", "2024-06-30 23:59:59", PAM_SUCCESS},
+            // fewer than three blanks: never
+            {"9-17 * *", "2024-01-15 10:00:00", PAM_PERM_DENIED},
+        };
+        for (const Case &c : cases) {
+            SCOPED_TRACE(std::string(c.window) + " at " + c.when);
+            w.user_rules("alice", "x:+:sshd:*:*:" + std::string(c.window) + "\n");
+            clock_at(c.when);
+            EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, c.rc);
+        }
+        w.clear_logs();
+
+        // The entry carries the (faked) time of the event.
+        w.user_rules("alice", "x:+:sshd:*:*:9-17 * * 1-5\n");
+        clock_at("2024-01-15 17:30:00");
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_PERM_DENIED);
+        auto audit = w.take_audit();
+        ASSERT_EQ(audit.size(), 1u);
+        EXPECT_EQ(audit[0].event, 1705339800);
+        EXPECT_EQ(audit[0].logged, 1705339800);
+        EXPECT_EQ(audit[0].message, access_violation(kernel, "sshd", "alice", "10.0.0.5", "default", "Deny"));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(System, TimeWindows, ::testing::Values(Kernel::absent, Kernel::present), kernel_name);
+
+}  // namespace
+}  // namespace mgsys
+
+int main(int argc, char **argv) {
+    // gtest's test listing (used by ctest discovery) needs no clock.
+    bool listing = false;
+    for (int i = 1; i < argc; ++i) listing |= std::strcmp(argv[i], "--gtest_list_tests") == 0;
+    if (!listing && !mgsys::faked()) {
+        std::string preload = MG_FAKETIME_LIB;
+        if (const char *old = getenv("LD_PRELOAD"); old != nullptr && *old != '\0') preload += std::string(":") + old;
+        setenv("LD_PRELOAD", preload.c_str(), 1);
+        setenv("FAKETIME", "+0", 1);
+        setenv("FAKETIME_NO_CACHE", "1", 1);
+        setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
+        // A sanitizer runtime must otherwise come first in the preload list.
+        std::string asan = "verify_asan_link_order=0";
+        if (const char *old = getenv("ASAN_OPTIONS"); old != nullptr && *old != '\0') asan += std::string(":") + old;
+        setenv("ASAN_OPTIONS", asan.c_str(), 1);
+        execv("/proc/self/exe", argv);
+        std::perror("re-executing with libfaketime");
+        return 1;
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
