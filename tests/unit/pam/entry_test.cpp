@@ -8,7 +8,10 @@
 #include <gtest/gtest.h>
 #include <security/pam_appl.h>
 
+#include <mossgrove/common.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 using mgtest::Sandbox;
 
@@ -196,6 +199,42 @@ MG_SANDBOX_TEST(Session, ItemsAndShortCuts) {
     EXPECT_EQ(PAM_SUCCESS, Handle(sb, "alice").set(PAM_RHOST, "pts/4").set(PAM_TTY, "/dev/pts/1").close({"log"}));
     auto module = logged(sb, "mg_pam_acl");
     EXPECT_EQ(std::vector<std::string>{"session closed for 'alice' from 'localhost' with service 'sshd'"}, module);
+}
+
+}  // namespace
+
+namespace {
+
+size_t open_descriptors() {
+    size_t n = 0;
+    for ([[maybe_unused]] const auto &e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+    return n;
+}
+
+MG_SANDBOX_TEST(Transactions, RepeatedCallsKeepNoDescriptorsOrSlots) {
+    sb.add_user("carol", 2005, 2005);
+    sb.add_group("carol", 2005);
+    sb.add_group("dev", 5001, {"carol"});
+    sb.write_etc("security/pam_acl_conf/group/dev", "x:+:sshd:10.0.0.0/8::\n");
+    sb.write_etc("security/pam_acl_conf/group_session.conf", "x:dev:5::\n");
+    sb.write_etc("security/pam_acl_conf/ip_session.conf", "x:10.0.0.0/8:50::\n");
+    sb.add_utmpx("carol", "pts/2", "10.0.0.9");
+    Handle warm(sb, "carol");
+    warm.set(PAM_RHOST, "10.0.0.5").set(PAM_TTY, "pts/1");
+    ASSERT_EQ(PAM_SUCCESS, warm.account());
+    size_t before = open_descriptors();
+    for (int i = 0; i < 300; ++i) {
+        Handle h(sb, "carol");
+        h.set(PAM_RHOST, "10.0.0.5").set(PAM_TTY, "pts/1");
+        ASSERT_EQ(PAM_SUCCESS, h.account({"allowlog"})) << i;
+        ASSERT_EQ(PAM_SUCCESS, h.open({"log"})) << i;
+        ASSERT_EQ(PAM_SUCCESS, h.close()) << i;
+        if (i % 50 == 0) sb.clear_syslog();
+    }
+    EXPECT_EQ(before, open_descriptors());
+    int free_slots = 0;
+    while (get_tokslot() >= 0) ++free_slots;
+    EXPECT_EQ(10, free_slots);
 }
 
 }  // namespace
