@@ -3,29 +3,13 @@
 // request, so every line reaches the permission, service, host, terminal and
 // time matching. Addresses in the input are only parsed, never resolved.
 #include "pam/pam_acl.hpp"
+#include "pam_memfile.hpp"
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-
-namespace {
-
-int memory_file(const uint8_t *data, size_t size) {
-    int fd = memfd_create("rules", MFD_CLOEXEC);
-    if (fd < 0) abort();
-    for (size_t done = 0; done < size;) {
-        ssize_t n = write(fd, data + done, size - done);
-        if (n <= 0) abort();
-        done += static_cast<size_t>(n);
-    }
-    if (lseek(fd, 0, SEEK_SET) != 0) abort();
-    return fd;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     using namespace mg::pam;
@@ -46,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     request.now.tm_wday = 1;
     snprintf(request.rule_path, sizeof request.rule_path, "%s", "fuzz");
 
-    int result = scan_rule_file(request, memory_file(data, size));
+    int result = scan_rule_file(request, pamfuzz::memory_file(data, size));
     if (result < 0 || result > 2) abort();
     return 0;
 }

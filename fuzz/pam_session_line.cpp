@@ -1,35 +1,20 @@
 // Fuzzes the session rule reader: the input is a whole session rule file,
 // searched as a user, group, default and address rule file in turn.
 #include "pam/pam_acl.hpp"
+#include "pam_memfile.hpp"
 
 #include <arpa/inet.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <initializer_list>
 
-namespace {
-
-int memory_file(const uint8_t *data, size_t size) {
-    int fd = memfd_create("sessions", MFD_CLOEXEC);
-    if (fd < 0) abort();
-    for (size_t done = 0; done < size;) {
-        ssize_t n = write(fd, data + done, size - done);
-        if (n <= 0) abort();
-        done += static_cast<size_t>(n);
-    }
-    return fd;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     using namespace mg::pam;
     set_log_sink_for_tests([](int, const char *) {});
 
-    int fd = memory_file(data, size);
+    int fd = pamfuzz::memory_file(data, size);
     const in_addr_t address = inet_addr("10.1.2.3");
     for (int kind : {'u', 'g', '*', 'i'}) {
         int copy = dup(fd);

@@ -184,6 +184,16 @@ int gather_account_request(pam_handle_t *pamh, PamRequest &request) noexcept {
     return PAM_SUCCESS;
 }
 
+// First steps of account management and session opening: a login service
+// never takes a path from the environment; then the secure log, the modes and
+// the options.
+void begin_checked_call(int argc, const char **argv) noexcept {
+    paths::pin_system_defaults();
+    init_pam_securelog();
+    read_operation_modes();
+    _pam_parse(argc, argv);
+}
+
 }  // namespace
 
 void bformat(char *dst, size_t size, const char *format, ...) noexcept {
@@ -360,10 +370,7 @@ int normalize_remote_host(PamRequest &request) noexcept {
 using namespace mg::pam;
 
 extern "C" MG_API int pam_sm_acct_mgmt(pam_handle_t *pamh, int /*flags*/, int argc, const char **argv) {
-    mg::paths::pin_system_defaults();
-    init_pam_securelog();
-    read_operation_modes();
-    _pam_parse(argc, argv);
+    begin_checked_call(argc, argv);
 
     PamRequest request;
     int rc = gather_account_request(pamh, request);
@@ -382,10 +389,7 @@ extern "C" MG_API int pam_sm_acct_mgmt(pam_handle_t *pamh, int /*flags*/, int ar
 }
 
 extern "C" MG_API int pam_sm_open_session(pam_handle_t *pamh, int /*flags*/, int argc, const char **argv) {
-    mg::paths::pin_system_defaults();
-    init_pam_securelog();
-    read_operation_modes();
-    _pam_parse(argc, argv);
+    begin_checked_call(argc, argv);
 
     int rc;
     const char *service = get_text_item(pamh, PAM_SERVICE, &rc);

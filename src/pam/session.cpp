@@ -314,22 +314,20 @@ int session_match(PamRequest &request, SessionRule &rule) noexcept {
     return 0;
 }
 
-int log_session_opened(const PamRequest &request) noexcept {
+namespace {
+
+int log_session_event(const PamRequest &request, const char *event) noexcept {
     if (nOptSessionLog == 0) return 1;
     char text[1024];
-    bformat(text, sizeof text, "Session opened for user '%s' (from %s) on terminal '%s' with service '%s'",
-             request.account.name, request.rhost.or_("(unknown)"), request.tty.or_("(unknown)"),
-             request.service.or_("(unknown)"));
+    bformat(text, sizeof text, "Session %s for user '%s' (from %s) on terminal '%s' with service '%s'", event,
+            request.account.name, request.rhost.or_("(unknown)"), request.tty.or_("(unknown)"),
+            request.service.or_("(unknown)"));
     return save_pam_log(kEventInfo, 1, text);
 }
 
-int log_session_closed(const PamRequest &request) noexcept {
-    if (nOptSessionLog == 0) return 1;
-    char text[1024];
-    bformat(text, sizeof text, "Session closed for user '%s' (from %s) on terminal '%s' with service '%s'",
-             request.account.name, request.rhost.or_("(unknown)"), request.tty.or_("(unknown)"),
-             request.service.or_("(unknown)"));
-    return save_pam_log(kEventInfo, 1, text);
-}
+}  // namespace
+
+int log_session_opened(const PamRequest &request) noexcept { return log_session_event(request, "opened"); }
+int log_session_closed(const PamRequest &request) noexcept { return log_session_event(request, "closed"); }
 
 }  // namespace mg::pam
