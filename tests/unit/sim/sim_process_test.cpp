@@ -12,6 +12,7 @@
 #include <mossgrove/kernel.h>
 
 #include <chrono>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -130,8 +131,8 @@ TEST_F(Process, InjectedFailuresFromTheStateReachEveryProcess) {
 }
 
 TEST_F(Process, CallLogRecordsEveryCallWhole) {
-    auto *block = static_cast<MGProcLabel *>(malloc(sizeof(MGProcLabel)));
-    memset(block, 0, sizeof *block);
+    auto owner = std::make_unique<MGProcLabel>();  // on the heap
+    MGProcLabel *block = owner.get();
     block->pid = 77;
     ASSERT_EQ(ok(), k(12, block, 5, 16, 0));
     std::string path = dir_ / "p";
@@ -157,7 +158,6 @@ TEST_F(Process, CallLogRecordsEveryCallWhole) {
     EXPECT_EQ(MGSIM_PROBE, log[2].sub);
     EXPECT_NE(getpid(), log[3].pid);
     EXPECT_EQ(14, log[3].sub);
-    free(block);
 
     // MGSIM_LOG overrides the state's log file.
     std::string other = dir_ / "other.log";
