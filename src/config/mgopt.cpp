@@ -20,6 +20,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "stores/dbfile.hpp"
+
 namespace {
 
 enum class Kind {
@@ -216,26 +218,15 @@ void lay_out(const MGOptionBuf *opt, Layout &out) {
     }
 }
 
-bool write_all(int fd, const char *data, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Writes the text to tmp and renames it over path; tmp is gone on failure.
 bool replace_file(const char *path, const char *tmp, const char *data, size_t len) {
     int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return false;
-    bool ok = write_all(fd, data, len) && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    if (ok && rename(tmp, path) == 0) return true;
-    unlink(tmp);
-    return false;
+    if (mg::stores::write_all(fd, data, len) != 0) {
+        mg::stores::abandon_rewrite(fd, tmp, -1);
+        return false;
+    }
+    return mg::stores::install_temp(fd, tmp, path) == 0;
 }
 
 }  // namespace

@@ -32,6 +32,14 @@ protected:
     }
     // The required keys, then one more line.
     int read_with(const std::string &line) { return read(kRequired + line + "\n"); }
+
+    template <class Cases>
+    void check_lines(const Cases &cases) {
+        for (const auto &c : cases) {
+            ASSERT_EQ(0, read_with(c.line)) << c.line;
+            EXPECT_EQ(c.expect, opt.*c.field) << c.line;
+        }
+    }
 };
 
 // A complete, valid record (no kernel module: ModulePending reads as 'X').
@@ -123,12 +131,16 @@ TEST_F(OptionFile, RangeLimitsAndLeadingZerosAreAccepted) {
     EXPECT_EQ(1, opt.CurrentFileRate);
 }
 
+// One line after the required keys, and the value it gives one field.
+template <class T>
+struct LineCase {
+    const char *line;
+    T MGOptionBuf::*field;
+    T expect;
+};
+
 TEST_F(OptionFile, UnusableOptionalNumbersTakeTheirDefaults) {
-    struct Case {
-        const char *line;
-        int32_t MGOptionBuf::*field;
-        int32_t expect;
-    } cases[] = {
+    const LineCase<int32_t> cases[] = {
         {"PV_Count 1", &MGOptionBuf::PV_Count, 5},
         {"PV_Count 21", &MGOptionBuf::PV_Count, 5},
         {"PV_Time 9", &MGOptionBuf::PV_Time, 60},
@@ -140,18 +152,11 @@ TEST_F(OptionFile, UnusableOptionalNumbersTakeTheirDefaults) {
         {"CurrentFileRate 5%", &MGOptionBuf::CurrentFileRate, 100},
         {"CurrentFileRate", &MGOptionBuf::CurrentFileRate, 100},
     };
-    for (const auto &c : cases) {
-        ASSERT_EQ(0, read_with(c.line)) << c.line;
-        EXPECT_EQ(c.expect, opt.*c.field) << c.line;
-    }
+    check_lines(cases);
 }
 
 TEST_F(OptionFile, YesNoKeysMoveOnlyOnTheOppositeOfTheirDefault) {
-    struct Case {
-        const char *line;
-        char MGOptionBuf::*field;
-        char expect;
-    } cases[] = {
+    const LineCase<char> cases[] = {
         {"MailEnable yes", &MGOptionBuf::MailEnable, 'Y'},
         {"MailEnable no", &MGOptionBuf::MailEnable, 'Y'},
         {"MailEnable n", &MGOptionBuf::MailEnable, 'N'},
@@ -165,10 +170,7 @@ TEST_F(OptionFile, YesNoKeysMoveOnlyOnTheOppositeOfTheirDefault) {
         {"SmsEnable Y", &MGOptionBuf::SmsEnable, 'Y'},
         {"SmsEnable", &MGOptionBuf::SmsEnable, 'N'},
     };
-    for (const auto &c : cases) {
-        ASSERT_EQ(0, read_with(c.line)) << c.line;
-        EXPECT_EQ(c.expect, opt.*c.field) << c.line;
-    }
+    check_lines(cases);
 }
 
 TEST_F(OptionFile, ModulePendingNeedsASuspendingModule) {
