@@ -35,9 +35,10 @@ namespace {
 constexpr char kMagic[8] = {'M', 'G', 'S', 'I', 'M', 'S', 'T', '1'};
 constexpr uint32_t kFormat = 1;
 constexpr size_t kHeaderSize = sizeof kMagic + 3 * sizeof(uint32_t);
-// Sanity bound on any count in the file, so that a damaged file can't make
-// the decoder allocate without limit.
-constexpr uint32_t kMaxCount = 1u << 20;
+// Bounds on what a damaged file can make the decoder allocate: a table of
+// records (the largest, 8192 MLS users, takes 11 MB), and a table of entries,
+// each of which takes at least two bytes of the file.
+constexpr size_t kMaxTableBytes = 16u << 20;
 
 uint32_t fnv1a(std::string_view data) {
     uint32_t h = 2166136261u;
@@ -158,14 +159,17 @@ public:
     }
     template <class T>
     void records(std::vector<T> *v) {
-        uint32_t n = count();
-        if (!ok) return;
+        uint32_t n = num<uint32_t>();
+        if (!ok || n > kMaxTableBytes / sizeof(T)) {
+            ok = false;
+            return;
+        }
         v->assign(n, T{});
         bytes(v->data(), n * sizeof(T));
     }
     uint32_t count() {
         uint32_t n = num<uint32_t>();
-        if (n > kMaxCount) ok = false;
+        if (n > (in_.size() - pos_) / 2) ok = false;
         return ok ? n : 0;
     }
     bool at_end() const { return pos_ == in_.size(); }
@@ -297,16 +301,20 @@ bool decode_payload(Reader &r, State &s) {
 
 }  // namespace
 
-std::string encode(const State &s) {
-    Writer payload;
-    encode_payload(payload, s);
+std::string frame(std::string_view payload) {
     Writer w;
     w.out.append(kMagic, sizeof kMagic);
     w.num(kFormat);
-    w.num(static_cast<uint32_t>(payload.out.size()));
-    w.num(fnv1a(payload.out));
-    w.out += payload.out;
+    w.num(static_cast<uint32_t>(payload.size()));
+    w.num(fnv1a(payload));
+    w.out += payload;
     return std::move(w.out);
+}
+
+std::string encode(const State &s) {
+    Writer payload;
+    encode_payload(payload, s);
+    return frame(payload.out);
 }
 
 bool decode(std::string_view bytes, State *out) {

@@ -98,6 +98,8 @@ std::array<uint8_t, 22> default_conf();
 // Binary state file: encode always succeeds; decode returns false on any damage.
 std::string encode(const State &s);
 bool decode(std::string_view bytes, State *out);
+// The file around an encoded payload: magic, format, length and checksum.
+std::string frame(std::string_view payload);
 
 // "sub:errno[:times],..." ; returns false on a malformed specification.
 bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out);
