@@ -1,9 +1,9 @@
 // Secure log writer throughput, 1 and 8 concurrent writer processes.
 //
-// Each row appends the same total number of records to one log file (limit
-// large enough that no rotation happens) and reports records per second, the
-// processor time of all writers, and the throughput as a fraction of the
-// floor. The floor is the bare sequence the writer cannot avoid: open the lock
+// Each run appends the same total number of records to one log file (limit
+// large enough that no rotation happens); a row reports records per second,
+// the processor time of all writers per record, and the throughput as a
+// fraction of the floor. The floor is the bare sequence the writer cannot avoid: open the lock
 // file, take the one-byte lock (blocking, so waiting costs no processor time),
 // append one line, close both. The writer is measured with each way of waiting
 // for a busy lock:
@@ -11,7 +11,7 @@
 //   yield  sched_yield between tries (the writer's setting)
 //   block  wait in the kernel (for comparison only)
 //
-// usage: seclog_bench [records] [directory]   (defaults 40000, $TMPDIR or /tmp)
+// usage: seclog_bench [records per run] [directory]   (defaults 40000, $TMPDIR or /tmp)
 #include <mossgrove/seclog.h>
 
 #include <fcntl.h>
@@ -137,18 +137,39 @@ Result run(int writers, int total, const std::function<int(int, int)> &fn) {
             static_cast<long>(each) * writers};
 }
 
-// Median of three runs by wall time.
-Result median_of_3(int writers, int total, const std::function<int(int, int)> &fn) {
-    std::vector<Result> r;
-    for (int i = 0; i < 3; ++i) r.push_back(run(writers, total, fn));
-    std::sort(r.begin(), r.end(), [](const Result &a, const Result &b) { return a.seconds < b.seconds; });
-    return r[1];
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
 }
 
-void print_row(const char *name, int writers, const Result &r, const Result &floor) {
-    double rate = r.records / r.seconds, floor_rate = floor.records / floor.seconds;
-    printf("%-14s %7d %12.0f %9.3f %12.2f %10.2f\n", name, writers, rate, r.cpu,
-           r.cpu / r.records * 1e6, rate / floor_rate);
+struct Variant {
+    const char *name;
+    bool is_floor;
+    LockWait wait;
+    std::vector<double> rate, cpu_per_record, ratio;  // one entry per round
+};
+
+// The machine may be shared, so the load drifts: every round runs all
+// variants back to back, each variant's throughput is divided by the floor's
+// of the same round, and the medians over the rounds are reported.
+void measure(int writers, int total, int rounds, std::vector<Variant> &variants) {
+    for (int round = 0; round < rounds; ++round) {
+        double floor_rate = 0;
+        for (Variant &v : variants) {
+            Result r;
+            if (v.is_floor) {
+                r = run(writers, total, floor_writer);
+            } else {
+                mg::seclog::set_lock_wait(v.wait);
+                r = run(writers, total, seclog_writer);
+            }
+            double rate = r.records / r.seconds;
+            if (v.is_floor) floor_rate = rate;
+            v.rate.push_back(rate);
+            v.cpu_per_record.push_back(r.cpu / r.records * 1e6);
+            v.ratio.push_back(rate / floor_rate);
+        }
+    }
 }
 
 }  // namespace
@@ -166,23 +187,20 @@ int main(int argc, char **argv) {
     if (total < 8) total = 8;
     if (InitSecureLog("MGLog", log_file().c_str(), 1 << 30, 5, 0) != 0) return 1;
 
-    printf("%d records per row, log in %s, %ld processors\n\n", total, g_dir.c_str(),
-           sysconf(_SC_NPROCESSORS_ONLN));
-    printf("%-14s %7s %12s %9s %12s %10s\n", "variant", "writers", "records/s", "cpu s",
-           "cpu us/rec", "x floor");
-    const struct {
-        const char *name;
-        LockWait wait;
-    } variants[] = {{"writer spin", LockWait::spin},
-                    {"writer yield", LockWait::yield},
-                    {"writer block", LockWait::block}};
+    const int rounds = 5;
+    printf("%d records per run, %d rounds, medians; log in %s, %ld processors\n\n", total, rounds,
+           g_dir.c_str(), sysconf(_SC_NPROCESSORS_ONLN));
+    printf("%-14s %7s %12s %12s %10s\n", "variant", "writers", "records/s", "cpu us/rec",
+           "x floor");
     for (int writers : {1, 8}) {
-        Result floor = median_of_3(writers, total, floor_writer);
-        print_row("floor", writers, floor, floor);
-        for (const auto &v : variants) {
-            mg::seclog::set_lock_wait(v.wait);
-            print_row(v.name, writers, median_of_3(writers, total, seclog_writer), floor);
-        }
+        std::vector<Variant> variants = {{"floor", true, LockWait::spin, {}, {}, {}},
+                                         {"writer spin", false, LockWait::spin, {}, {}, {}},
+                                         {"writer yield", false, LockWait::yield, {}, {}, {}},
+                                         {"writer block", false, LockWait::block, {}, {}, {}}};
+        measure(writers, total, rounds, variants);
+        for (const Variant &v : variants)
+            printf("%-14s %7d %12.0f %12.2f %10.2f\n", v.name, writers, median(v.rate),
+                   median(v.cpu_per_record), median(v.ratio));
     }
     unlink(log_file().c_str());
     unlink(lock_file().c_str());

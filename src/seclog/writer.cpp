@@ -11,6 +11,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -28,23 +29,33 @@ int g_nMGLogRotate;
 namespace {
 
 constexpr const char *kDefaultIdent = "MGLog";
-// A file may pass its limit by up to one record before it is rotated.
+// A file is rotated by the write that carries it past its limit plus this
+// slack, so a rotated generation ends at most one record beyond that.
 constexpr off_t kRotateSlack = 2048;
 
 LockWait g_lock_wait = LockWait::yield;
 
 // The eight fields of a record joined by sep and ended by a newline: the file
 // form (tab) and the display form ('|'). Text fields are bounded by their
-// buffers, so a record without terminators cannot be overread.
-void format_line(char (&out)[kLineMax], char sep, int source, int flag, int level, int logged,
-                 int event, const char *program, const char *address, const char *message) {
-    snprintf(out, sizeof out, "%d%c%d%c%d%c%d%c%d%c%.16s%c%.16s%c%.1024s\n", source, sep, flag,
-             sep, level, sep, logged, sep, event, sep, program, sep, address, sep, message);
+// buffers, so a record without terminators cannot be overread. Returns the
+// length of the line.
+size_t format_line(char (&out)[kLineMax], char sep, int source, int flag, int level, int logged,
+                   int event, const char *program, const char *address, const char *message) {
+    int n = snprintf(out, sizeof out, "%d%c%d%c%d%c%d%c%d%c%.16s%c%.16s%c%.1024s\n", source, sep,
+                     flag, sep, level, sep, logged, sep, event, sep, program, sep, address, sep,
+                     message);
+    return n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof out - 1);
 }
 
-void format_record(char (&out)[kLineMax], char sep, const SecureLogRecord &rec) {
-    format_line(out, sep, rec.nSource, rec.nFlag, rec.nLevel, rec.tLogged, rec.tEvent,
-                rec.szProgram, rec.szAddress, rec.szMessage);
+size_t format_record(char (&out)[kLineMax], char sep, const SecureLogRecord &rec) {
+    return format_line(out, sep, rec.nSource, rec.nFlag, rec.nLevel, rec.tLogged, rec.tEvent,
+                       rec.szProgram, rec.szAddress, rec.szMessage);
+}
+
+void syslog_display(const SecureLogRecord &rec) {
+    char display[kLineMax];
+    format_record(display, '|', rec);
+    SaveToSyslog(display);
 }
 
 size_t base_length() { return strlen(g_szLogFilename) - 2; }
@@ -60,22 +71,24 @@ bool ends_in_two_digits(const char *path, size_t len) {
 }
 
 // Appends the file form under the lock; on failure the record goes to syslog.
-void append_record(SecureLogRecord *rec, const char (&file_line)[kLineMax],
-                   const char (&display)[kLineMax]) {
+// The display form is only built when it is needed.
+void append_record(SecureLogRecord *rec) {
+    char line[kLineMax];
+    size_t len = format_record(line, '\t', *rec);
     LogLock lock(g_szLockFilename);
     if (!lock.held()) {
         ErrorSaveSecureLog(2, rec);
-        SaveToSyslog(display);
+        syslog_display(*rec);
         return;
     }
     int fd = MG_open3(g_szLogFilename, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         ErrorSaveSecureLog(1, rec);
-        SaveToSyslog(display);
+        syslog_display(*rec);
         return;
     }
     // The outcome of the write is not reported: there is nowhere better to send it.
-    if (write(fd, file_line, strlen(file_line)) < 0) {
+    if (write(fd, line, len) < 0) {
     }
     off_t end = lseek(fd, 0, SEEK_CUR);
     close(fd);
@@ -145,19 +158,17 @@ int InitSecureLog(const char *ident, const char *path, int maxSize, int fileCoun
 int SaveSecureLog(int targets, SecureLogRecord *rec) noexcept {
     if (g_nInitSecureLog != 1 || rec == nullptr) return -1;
     rec->tLogged = static_cast<int32_t>(time(nullptr));
-    char display[kLineMax];
-    format_record(display, '|', *rec);
-
-    if (targets & MG_SECLOG_STDOUT) fputs(display, stdout);
-    if (targets & MG_SECLOG_SYSLOG) SaveToSyslog(display);
+    if (targets & (MG_SECLOG_STDOUT | MG_SECLOG_SYSLOG)) {
+        char display[kLineMax];
+        format_record(display, '|', *rec);
+        if (targets & MG_SECLOG_STDOUT) fputs(display, stdout);
+        if (targets & MG_SECLOG_SYSLOG) SaveToSyslog(display);
+    }
     if (targets & MG_SECLOG_FILE) {
-        if (g_szLogFilename[0] == '\0') {
-            if (!(targets & MG_SECLOG_SYSLOG)) SaveToSyslog(display);
-        } else {
-            char file_line[kLineMax];
-            format_record(file_line, '\t', *rec);
-            append_record(rec, file_line, display);
-        }
+        if (g_szLogFilename[0] != '\0')
+            append_record(rec);
+        else if (!(targets & MG_SECLOG_SYSLOG))
+            syslog_display(*rec);
     }
     return 0;
 }
