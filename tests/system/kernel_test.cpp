@@ -1,0 +1,274 @@
+// What the module asks of the kernel module (simulated): registration of
+// accepted logins, the label raise around secure-log writes, the user's MLS
+// label in violation entries, and what happens when those calls fail.
+#include "system_common.hpp"
+
+#include "mgsim.h"
+
+#include <mossgrove/kernel.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <security/pam_appl.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace mgsys {
+namespace {
+
+Items from(const std::string &rhost, const std::string &tty = "pts/3") { return {rhost, tty, std::nullopt}; }
+
+std::vector<MGLoginOrigin> origins() {
+    std::vector<MGLoginOrigin> out(64);
+    int n = mgsim_read_table(MGSIM_T_ORIGIN, out.data(), static_cast<int>(out.size()));
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+// Forgets the registered origins (and injections) between cases: a freshly
+// loaded module, running.
+void clear_origins() {
+    ASSERT_EQ(mgsim_reset(), 0);
+    ASSERT_EQ(mgsim_set_status(1), 0);
+}
+
+// The sub-commands this process issued since the log was last cleared.
+std::vector<long> calls_of_this_process() {
+    std::vector<mgsim_call> calls(4096);
+    int n = mgsim_read_log(nullptr, calls.data(), static_cast<int>(calls.size()));
+    std::vector<long> subs;
+    for (int i = 0; i < n && i < static_cast<int>(calls.size()); ++i)
+        if (calls[static_cast<size_t>(i)].pid == getpid()) subs.push_back(calls[static_cast<size_t>(i)].sub);
+    return subs;
+}
+
+void clear_call_log() {
+    const char *path = mgsim_log_path();
+    ASSERT_NE(path, nullptr);
+    std::ofstream(path, std::ios::trunc);
+}
+
+// A real pseudo-terminal of the sandbox; returns its name without "/dev/".
+std::string open_pty(int *master) {
+    *master = posix_openpt(O_RDWR | O_NOCTTY);
+    EXPECT_GE(*master, 0);
+    EXPECT_EQ(grantpt(*master), 0);
+    EXPECT_EQ(unlockpt(*master), 0);
+    return std::string(ptsname(*master)).substr(5);
+}
+
+// Loads MLS user and category records into the simulated kernel through
+// system call 223 (sub-commands 17 and 21), as the library's loaders do.
+void load_label(int uid, int level, int category, int role, const char *category_name) {
+    std::vector<unsigned char> mu(1324, 0);
+    std::memcpy(&mu[0], &uid, 4);
+    std::memcpy(&mu[8], &level, 4);
+    std::memcpy(&mu[12], &category, 4);
+    mu[18] = static_cast<unsigned char>(role);
+    ASSERT_EQ(syscall(223, 17, mu.data(), 0, 1, 0), 0) << std::strerror(errno);
+    if (category_name != nullptr) {
+        std::vector<unsigned char> cat(56, 0);
+        std::memcpy(&cat[0], &category, 4);
+        std::snprintf(reinterpret_cast<char *>(&cat[7]), 33, "%s", category_name);
+        ASSERT_EQ(syscall(223, 21, cat.data(), 0, 1, 0), 0) << std::strerror(errno);
+    }
+}
+
+TEST(KernelFacing, AcceptedLoginsAreRegisteredWithTerminalAndAddress) {
+    in_world(Kernel::present, [&](World &w) {
+        w.modes("on", "on");
+        int master = -1;
+        const std::string pty = open_pty(&master);
+        struct stat st{};
+        ASSERT_EQ(stat(("/dev/" + pty).c_str(), &st), 0);
+
+        ASSERT_EQ(w.account("alice", from("10.0.0.5", "/dev/" + pty)).rc, PAM_SUCCESS);
+        auto list = origins();
+        ASSERT_EQ(list.size(), 1u);
+        EXPECT_EQ(list[0].tty_major, static_cast<int32_t>(major(st.st_rdev)));
+        EXPECT_EQ(list[0].tty_minor, static_cast<int32_t>(minor(st.st_rdev)));
+        EXPECT_EQ(list[0].pid, getpid());
+        EXPECT_EQ(list[0].addr, inet_addr("10.0.0.5"));
+        EXPECT_STREQ(list[0].addr_text, "10.0.0.5");
+
+        // Opening the session registers again (same process: one record), by name too.
+        ASSERT_EQ(w.open_session("alice", from("build-host", pty)).rc, PAM_SUCCESS);
+        list = origins();
+        ASSERT_EQ(list.size(), 1u);
+        EXPECT_EQ(list[0].addr, inet_addr("10.1.2.3"));
+        EXPECT_STREQ(list[0].addr_text, "10.1.2.3");
+        // A local session registers localhost.
+        ASSERT_EQ(w.open_session("alice", from("pts/9", pty)).rc, PAM_SUCCESS);
+        list = origins();
+        ASSERT_EQ(list.size(), 1u);
+        EXPECT_STREQ(list[0].addr_text, "127.0.0.1");
+        close(master);
+        w.clear_logs();
+    });
+}
+
+TEST(KernelFacing, WhatIsNotRegistered) {
+    in_world(Kernel::present, [&](World &w) {
+        w.modes("on", "on");
+        struct Case {
+            const char *why;
+            std::string service;
+            Items items;
+            size_t registered;  // when 1: with terminal numbers 0, 0
+        };
+        w.user_rules("bob", "x:-:sshd:*::\n");
+        const Case cases[] = {
+            {"su never registers", "su", from("10.0.0.5", "pts/0"), 0},
+            {"a terminal without device", "login", from("10.0.0.5", "pts/77"), 0},
+            {"sshd goes on without the device", "sshd", from("10.0.0.5", "pts/77"), 1},
+            {"an unresolvable host", "sshd", from("ghost.invalid", "pts/0"), 0},
+            {"no terminal at all", "sshd", Items{std::string("10.0.0.5"), std::nullopt, {}}, 0},
+        };
+        int master = -1;
+        open_pty(&master);  // makes /dev/pts/0
+        for (const Case &c : cases) {
+            SCOPED_TRACE(c.why);
+            clear_origins();
+            EXPECT_EQ(w.account("alice", c.items, c.service).rc, PAM_SUCCESS);
+            auto list = origins();
+            ASSERT_EQ(list.size(), c.registered);
+            if (c.registered == 1) {
+                EXPECT_EQ(list[0].tty_major, 0);
+                EXPECT_EQ(list[0].tty_minor, 0);
+            }
+        }
+        // Refused logins are not registered; logins let through in "warn" are.
+        clear_origins();
+        EXPECT_EQ(w.account("bob", from("10.0.0.5", "pts/0")).rc, PAM_PERM_DENIED);
+        EXPECT_TRUE(origins().empty());
+        w.modes("warn", "on");
+        EXPECT_EQ(w.account("bob", from("10.0.0.5", "pts/0")).rc, PAM_SUCCESS);
+        EXPECT_EQ(origins().size(), 1u);
+        // A failing registration changes nothing for the login.
+        clear_origins();
+        ASSERT_EQ(mgsim_set_fail("64:1"), 0);
+        EXPECT_EQ(w.account("alice", from("10.0.0.5", "pts/0")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.open_session("alice", from("10.0.0.5", "pts/0")).rc, PAM_SUCCESS);
+        EXPECT_TRUE(origins().empty());
+        close(master);
+        w.clear_logs();
+    });
+}
+
+TEST(KernelFacing, TheLabelIsRaisedAroundSecureLogWritesAndOnlyTheRoleRestored) {
+    in_world(Kernel::present, [&](World &w) {
+        w.modes("on", "on");
+        ASSERT_EQ(mgsim_set_proc_label(getpid(), 2, 3, 5), 0);
+        clear_call_log();
+        ASSERT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);  // with "allowlog": one entry
+        // Set-up: read, raise, restore; the entry: read, raise, restore.
+        std::vector<long> labels;
+        for (long sub : calls_of_this_process())
+            if (sub == 12 || sub == 13) labels.push_back(sub);
+        EXPECT_EQ(labels, (std::vector<long>{12, 13, 13, 12, 13, 13}));
+        int role = -1, level = -1, category = -1;
+        ASSERT_GE(mgsim_get_proc_label(getpid(), &role, &level, &category), 0);
+        EXPECT_EQ(role, 2);
+        EXPECT_EQ(level, 0);  // deliberately not restored
+        EXPECT_EQ(category, 0);
+        auto audit = w.take_audit();
+        ASSERT_EQ(audit.size(), 1u);
+
+        // The file as written: tab-separated, mode 0644, next to its lock file.
+        std::ifstream in(w.log_dir + "/mglog.01");
+        std::string line;
+        ASSERT_TRUE(std::getline(in, line));
+        std::ostringstream expected;
+        expected << "7\t0\t1\t" << audit[0].logged << "\t" << audit[0].event << "\tPAM-ACL\t" << kLocalAddress
+                 << "\tUser 'alice (from 10.0.0.5)' has allowed to connect to 'sshd' service.";
+        EXPECT_EQ(line, expected.str());
+        EXPECT_EQ(mgtest::Sandbox::kHostAddress, std::string(kLocalAddress));
+        struct stat st{};
+        ASSERT_EQ(stat((w.log_dir + "/mglog.01").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0644u);
+        ASSERT_EQ(stat((w.log_dir + "/mglog.lock").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 02600u);
+    });
+}
+
+TEST(KernelFacing, EntriesFallBackToSyslogWhenTheFileCannotBeUsed) {
+    in_world(Kernel::present, [&](World &w) {
+        w.modes("on", "on");
+        w.audit_sink = World::AuditSink::syslog;
+        const std::string allowed = "User 'alice (from 10.0.0.5)' has allowed to connect to 'sshd' service.";
+        // The raise is refused: set-up without a file, entries to syslog.
+        ASSERT_EQ(mgsim_set_fail("13:1"), 0);
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        auto audit = w.take_audit();
+        ASSERT_EQ(audit.size(), 1u);
+        EXPECT_EQ(entry_text(audit[0], 0, 1), allowed);
+        // The label cannot be read.
+        ASSERT_EQ(mgsim_set_fail("12:13"), 0);
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.take_audit().size(), 1u);
+        ASSERT_EQ(mgsim_set_fail(nullptr), 0);
+        // No option file, or no installation root.
+        ASSERT_EQ(unlink((w.root + "/conf/mgopt.conf").c_str()), 0);
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.take_audit().size(), 1u);
+        std::ofstream(w.root + "/conf/mgopt.conf") << "SecureLogDir\t" << w.log_dir
+                                                  << "\nSecureLogSize\t1\nSecureLogFileCount\t3\n";
+        ASSERT_EQ(unlink("/etc/.evmg"), 0);
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.take_audit().size(), 1u);
+        // Back to normal: the file.
+        w.sb.write_etc(".evmg", "MG_ROOT=" + w.root + "\n");
+        w.audit_sink = World::AuditSink::any;
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.take_module_syslog(), std::vector<std::string>{});
+        audit = w.take_audit();
+        ASSERT_EQ(audit.size(), 1u);
+        EXPECT_EQ(audit[0].raw.find('|'), std::string::npos) << "expected the file form: " << audit[0].raw;
+    });
+}
+
+TEST(KernelFacing, ViolationEntriesCarryTheUsersKernelLabel) {
+    in_world(Kernel::present, [&](World &w) {
+        w.modes("on", "on");
+        w.default_rules("x:-:ftp:*::\n");
+        const std::string detail = "RemoteHost=10.0.0.5 ServiceName=ftp RemoteUser=(unknown)";
+        const std::string message = "'ftp' access is denied by user 'alice' from '10.0.0.5' [by default rule].";
+        struct Case {
+            int role;
+            const char *code;
+            const char *category;
+        };
+        for (Case c : {Case{0, "UX", "finance"}, Case{1, "MU", "finance"}, Case{2, "SA", nullptr},
+                       Case{3, "SO", "payroll-and-finance-department-x"}}) {
+            SCOPED_TRACE(c.code);
+            load_label(5001, 3, 5, c.role, c.category);
+            if (c.category == nullptr) {  // no category records at all
+                unsigned char none[56] = {};
+                ASSERT_EQ(syscall(223, 21, none, 0, 0, 0), 0);
+            }
+            EXPECT_EQ(w.account("alice", from("10.0.0.5"), "ftp").rc, PAM_PERM_DENIED);
+            auto audit = w.take_audit();
+            ASSERT_EQ(audit.size(), 1u);
+            EXPECT_EQ(entry_text(audit[0], kEventAccess, 2),
+                      violation_text(message, "alice", c.code, 3, c.category ? c.category : "", "ftp", "Deny", detail));
+        }
+        // The user look-up fails: level 0, no category.
+        ASSERT_EQ(mgsim_set_fail("15:2"), 0);
+        EXPECT_EQ(w.account("alice", from("10.0.0.5"), "ftp").rc, PAM_PERM_DENIED);
+        auto audit = w.take_audit();
+        ASSERT_EQ(audit.size(), 1u);
+        EXPECT_EQ(audit[0].message, violation_text(message, "alice", "UX", 0, "", "ftp", "Deny", detail));
+    });
+}
+
+}  // namespace
+}  // namespace mgsys
