@@ -67,6 +67,12 @@ int copy_headers(const std::vector<Entry> &v, void *buf, int max) {
     return copy_out(hdrs, buf, max);
 }
 
+bool resolve(const char *path, std::string *canon, FileEntry *identity) {
+    int e = resolve_path(path, canon, identity);
+    errno = e;
+    return e == 0;
+}
+
 std::string *buffer_of(State &s, int which) {
     switch (which) {
         case MGSIM_B_KERNLOG: return &s.kernlog;
@@ -246,10 +252,7 @@ int mgsim_set_file_label(const char *path, int kind, int flag, int level, int ca
         return invalid();
     std::string canon;
     FileEntry identity{};
-    if (int e = resolve_path(path, &canon, &identity)) {
-        errno = e;
-        return -1;
-    }
+    if (!resolve(path, &canon, &identity)) return -1;
     return modify([&](State &s) {
         FileEntry *f = find_file(s, canon);
         if (f == nullptr) {
@@ -270,10 +273,7 @@ int mgsim_get_file_label(const char *path) noexcept {
     if (path == nullptr) return invalid();
     std::string canon;
     FileEntry identity{};
-    if (int e = resolve_path(path, &canon, &identity)) {
-        errno = e;
-        return -1;
-    }
+    if (!resolve(path, &canon, &identity)) return -1;
     return inspect([&](State &s) {
         const FileEntry *f = find_file(s, canon);
         return f ? MG_FLABEL(f->label.kind, f->label.flag, f->label.level, f->label.category) : 0;

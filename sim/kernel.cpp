@@ -469,68 +469,50 @@ bool kill_ok(const KillAcl &k) { return terminated(k.path, sizeof k.path) && k.p
 
 bool setuid_ok(const SetuidAcl &e) { return abs_path_ok(e.path, sizeof e.path) && (e.flag == 0 || e.flag == 1); }
 
-R kill_call(State &s, const Request &rq, bool *dirty) {
-    long op = rq.sub - 44;
-    if (op == 3) return ok(static_cast<long>(s.kill_acl.size()));
-    if (op == 4) return store_list(rq.ptr, rq.len, s.kill_acl);
+// Kill ACL (44-49) and setuid ACL (50-55): add, modify, delete, count, list,
+// clear, over a table keyed by path. A kill ACL path need not exist; a setuid
+// program must.
+template <class T>
+R path_table(std::vector<T> &t, const Request &rq, long first, int max, bool (*valid)(const T &),
+             bool program_must_exist, bool *dirty) {
+    long op = rq.sub - first;
+    if (op == 3) return ok(static_cast<long>(t.size()));
+    if (op == 4) return store_list(rq.ptr, rq.len, t);
     if (op == 5) {
-        s.kill_acl.clear();
+        t.clear();
         *dirty = true;
         return ok();
     }
+    T rec;
     if (op == 2) {
-        std::string path;  // the key: the entry's path, at its start
-        if (int e = load_path(rq.ptr, &path)) return fail(e);
-        auto it = by_path(s.kill_acl, path.c_str());
-        if (it == s.kill_acl.end()) return fail(ENOENT);
-        s.kill_acl.erase(it);
+        // The delete key: a path where the entry has its path first (kill
+        // ACL), else a whole entry.
+        std::string key;
+        if constexpr (offsetof(T, path) == 0) {
+            if (int e = load_path(rq.ptr, &key)) return fail(e);
+        } else {
+            if (int e = load(rq.ptr, &rec)) return fail(e);
+            if (!terminated(rec.path, sizeof rec.path)) return fail(EINVAL);
+            key = rec.path;
+        }
+        auto it = by_path(t, key.c_str());
+        if (it == t.end()) return fail(ENOENT);
+        t.erase(it);
         *dirty = true;
         return ok();
     }
-    KillAcl k;
-    if (int e = load(rq.ptr, &k)) return fail(e);
-    if (!kill_ok(k)) return fail(EINVAL);
-    auto it = by_path(s.kill_acl, k.path);
+    if (int e = load(rq.ptr, &rec)) return fail(e);
+    if (!valid(rec)) return fail(EINVAL);
+    if (program_must_exist)
+        if (int e = target_exists(rec.path)) return fail(e);
+    auto it = by_path(t, rec.path);
     if (op == 0) {
-        if (s.kill_acl.size() >= static_cast<size_t>(kMaxKillAcl)) return fail(EOVERFLOW);
-        if (it != s.kill_acl.end()) return fail(EEXIST);
-        s.kill_acl.push_back(k);
+        if (t.size() >= static_cast<size_t>(max)) return fail(EOVERFLOW);
+        if (it != t.end()) return fail(EEXIST);
+        t.push_back(rec);
     } else {
-        if (it == s.kill_acl.end()) return fail(ENOENT);
-        *it = k;
-    }
-    *dirty = true;
-    return ok();
-}
-
-R setuid_call(State &s, const Request &rq, bool *dirty) {
-    long op = rq.sub - 50;
-    if (op == 3) return ok(static_cast<long>(s.setuid_acl.size()));
-    if (op == 4) return store_list(rq.ptr, rq.len, s.setuid_acl);
-    if (op == 5) {
-        s.setuid_acl.clear();
-        *dirty = true;
-        return ok();
-    }
-    SetuidAcl e;
-    if (int err = load(rq.ptr, &e)) return fail(err);
-    if (!terminated(e.path, sizeof e.path)) return fail(EINVAL);
-    auto it = by_path(s.setuid_acl, e.path);
-    if (op == 2) {
-        if (it == s.setuid_acl.end()) return fail(ENOENT);
-        s.setuid_acl.erase(it);
-        *dirty = true;
-        return ok();
-    }
-    if (!setuid_ok(e)) return fail(EINVAL);
-    if (op == 0 && s.setuid_acl.size() >= static_cast<size_t>(kMaxSetuidAcl)) return fail(EOVERFLOW);
-    if (int err = target_exists(e.path)) return fail(err);
-    if (op == 0) {
-        if (it != s.setuid_acl.end()) return fail(EEXIST);
-        s.setuid_acl.push_back(e);
-    } else {
-        if (it == s.setuid_acl.end()) return fail(ENOENT);
-        *it = e;
+        if (it == t.end()) return fail(ENOENT);
+        *it = rec;
     }
     *dirty = true;
     return ok();
@@ -703,8 +685,8 @@ R run(State &s, const Request &rq, bool *dirty) {
     }
     if (sub >= 29 && sub <= 36) return facl_call(s, rq, dirty);
     if (sub >= 37 && sub <= 43) return fgroup_call(s, rq, dirty);
-    if (sub >= 44 && sub <= 49) return kill_call(s, rq, dirty);
-    if (sub >= 50 && sub <= 55) return setuid_call(s, rq, dirty);
+    if (sub >= 44 && sub <= 49) return path_table(s.kill_acl, rq, 44, kMaxKillAcl, kill_ok, false, dirty);
+    if (sub >= 50 && sub <= 55) return path_table(s.setuid_acl, rq, 50, kMaxSetuidAcl, setuid_ok, true, dirty);
     if (sub >= 65 && sub <= 78) return alsvc_call(s, static_cast<int>((sub - 65) % 2), static_cast<int>((sub - 65) / 2), rq, dirty);
     if (sub >= 82 && sub <= 88) return alsvc_call(s, 2, static_cast<int>(sub - 82), rq, dirty);
     return fail(EINVAL);

@@ -26,6 +26,17 @@ const char *state_path() {
 
 namespace {
 
+// The state file, or nullptr with errno EINVAL when none is configured.
+const char *configured_path() {
+    const char *path = state_path();
+    if (path == nullptr) errno = EINVAL;
+    return path;
+}
+
+}  // namespace
+
+namespace {
+
 struct Batch {
     Session session;
     pid_t owner;
@@ -52,11 +63,8 @@ bool Access::open() {
         batch_ = true;
         return true;
     }
-    const char *path = state_path();
-    if (path == nullptr) {
-        errno = EINVAL;
-        return false;
-    }
+    const char *path = configured_path();
+    if (path == nullptr) return false;
     if (!own_.open(path)) {
         warn_once(path, errno);
         return false;
@@ -80,11 +88,8 @@ bool batch_begin() {
         errno = EBUSY;
         return false;
     }
-    const char *path = state_path();
-    if (path == nullptr) {
-        errno = EINVAL;
-        return false;
-    }
+    const char *path = configured_path();
+    if (path == nullptr) return false;
     auto b = std::make_unique<Batch>();
     if (!b->session.open(path)) return false;
     b->owner = getpid();

@@ -49,17 +49,19 @@ uint32_t fnv1a(std::string_view data) {
     return h;
 }
 
+// Writer and Reader share one interface, so that transfer() below describes
+// the file layout once for both directions.
 class Writer {
 public:
     std::string out;
 
     template <class T>
-    void num(T v) {
+    void num(const T &v) {
         static_assert(std::is_arithmetic_v<T>);
         out.append(reinterpret_cast<const char *>(&v), sizeof v);
     }
-    void str(std::string_view s) {
-        num<uint32_t>(static_cast<uint32_t>(s.size()));
+    void str(const std::string &s) {
+        num(static_cast<uint32_t>(s.size()));
         out.append(s);
     }
     // Records are mostly zero bytes (fixed path and name buffers): zero runs
@@ -79,7 +81,6 @@ public:
             // Literal run until the next run of at least four zero bytes.
             while (j < n && !(j + 4 <= n && b[j] == 0 && b[j + 1] == 0 && b[j + 2] == 0 && b[j + 3] == 0))
                 ++j;
-            if (j == i) j = i + 1;
             out.push_back('\1');
             varint(j - i);
             out.append(reinterpret_cast<const char *>(b + i), j - i);
@@ -94,8 +95,13 @@ public:
     template <class T>
     void records(const std::vector<T> &v) {
         static_assert(std::is_trivially_copyable_v<T>);
-        num<uint32_t>(static_cast<uint32_t>(v.size()));
+        num(static_cast<uint32_t>(v.size()));
         bytes(v.data(), v.size() * sizeof(T));
+    }
+    template <class E, class Each>
+    void table(const std::vector<E> &v, Each each) {
+        num(static_cast<uint32_t>(v.size()));
+        for (const E &e : v) each(*this, e);
     }
 
 private:
@@ -114,20 +120,19 @@ public:
     bool ok = true;
 
     template <class T>
-    T num() {
-        T v{};
+    void num(T &v) {
+        static_assert(std::is_arithmetic_v<T>);
         if (!take(&v, sizeof v)) ok = false;
-        return v;
     }
-    std::string str() {
-        uint32_t n = num<uint32_t>();
+    void str(std::string &s) {
+        uint32_t n = 0;
+        num(n);
         if (!ok || n > in_.size() - pos_) {
             ok = false;
-            return {};
+            return;
         }
-        std::string s(in_.substr(pos_, n));
+        s.assign(in_.substr(pos_, n));
         pos_ += n;
-        return s;
     }
     void bytes(void *p, size_t n) {
         auto *b = static_cast<unsigned char *>(p);
@@ -154,23 +159,33 @@ public:
         if (done != n) ok = false;
     }
     template <class T>
-    void record(T *r) {
-        bytes(r, sizeof *r);
+    void record(T &r) {
+        bytes(&r, sizeof r);
     }
     template <class T>
-    void records(std::vector<T> *v) {
-        uint32_t n = num<uint32_t>();
+    void records(std::vector<T> &v) {
+        uint32_t n = 0;
+        num(n);
         if (!ok || n > kMaxTableBytes / sizeof(T)) {
             ok = false;
             return;
         }
-        v->assign(n, T{});
-        bytes(v->data(), n * sizeof(T));
+        v.assign(n, T{});
+        bytes(v.data(), n * sizeof(T));
     }
-    uint32_t count() {
-        uint32_t n = num<uint32_t>();
-        if (n > (in_.size() - pos_) / 2) ok = false;
-        return ok ? n : 0;
+    template <class E, class Each>
+    void table(std::vector<E> &v, Each each) {
+        uint32_t n = 0;
+        num(n);
+        if (!ok || n > (in_.size() - pos_) / 2) {
+            ok = false;
+            return;
+        }
+        v.resize(n);
+        for (E &e : v) {
+            each(*this, e);
+            if (!ok) return;
+        }
     }
     bool at_end() const { return pos_ == in_.size(); }
 
@@ -196,107 +211,50 @@ private:
     size_t pos_ = 0;
 };
 
-void encode_payload(Writer &w, const State &s) {
-    w.num(s.absent);
-    w.str(s.log_path);
-    w.records(s.fails);
-    w.str(s.version);
-    w.num(s.status);
-    w.bytes(s.conf.data(), s.conf.size());
-    w.records(s.procs);
-    w.records(s.setpids);
-    w.num<uint32_t>(static_cast<uint32_t>(s.files.size()));
-    for (const FileEntry &f : s.files) {
-        w.str(f.path);
-        w.record(f.label);
-        w.num(f.is_dir);
-        w.num(f.ino);
-        w.num(f.dev);
-    }
-    w.records(s.users);
-    w.records(s.cats);
-    w.records(s.cmds);
-    w.records(s.su);
-    w.num<uint32_t>(static_cast<uint32_t>(s.facl.size()));
-    for (const FaclEntry &e : s.facl) {
-        w.record(e.hdr);
-        w.records(e.rules);
-    }
-    w.num<uint32_t>(static_cast<uint32_t>(s.fgroups.size()));
-    for (const FgroupEntry &e : s.fgroups) {
-        w.record(e.hdr);
-        w.records(e.rules);
-        w.records(e.members);
-    }
-    w.records(s.kill_acl);
-    w.records(s.setuid_acl);
-    w.records(s.auto_dl);
-    w.records(s.alcmd);
-    w.records(s.origins);
-    for (const auto &table : s.alsvc) {
-        w.num<uint32_t>(static_cast<uint32_t>(table.size()));
-        for (const AlsvcEntry &e : table) {
-            w.record(e.hdr);
-            w.records(e.rules);
-        }
-    }
-    w.str(s.kernlog);
-    w.str(s.seslog);
-    w.str(s.sesuser);
-}
-
-bool decode_payload(Reader &r, State &s) {
-    s.absent = r.num<uint8_t>();
-    s.log_path = r.str();
-    r.records(&s.fails);
-    s.version = r.str();
-    s.status = r.num<int32_t>();
-    r.bytes(s.conf.data(), s.conf.size());
-    r.records(&s.procs);
-    r.records(&s.setpids);
-    s.files.resize(r.count());
-    for (FileEntry &f : s.files) {
-        f.path = r.str();
-        r.record(&f.label);
-        f.is_dir = r.num<uint8_t>();
-        f.ino = r.num<uint64_t>();
-        f.dev = r.num<uint64_t>();
-        if (!r.ok) return false;
-    }
-    r.records(&s.users);
-    r.records(&s.cats);
-    r.records(&s.cmds);
-    r.records(&s.su);
-    s.facl.resize(r.count());
-    for (FaclEntry &e : s.facl) {
-        r.record(&e.hdr);
-        r.records(&e.rules);
-        if (!r.ok) return false;
-    }
-    s.fgroups.resize(r.count());
-    for (FgroupEntry &e : s.fgroups) {
-        r.record(&e.hdr);
-        r.records(&e.rules);
-        r.records(&e.members);
-        if (!r.ok) return false;
-    }
-    r.records(&s.kill_acl);
-    r.records(&s.setuid_acl);
-    r.records(&s.auto_dl);
-    r.records(&s.alcmd);
-    r.records(&s.origins);
-    for (auto &table : s.alsvc) {
-        table.resize(r.count());
-        for (AlsvcEntry &e : table) {
-            r.record(&e.hdr);
-            r.records(&e.rules);
-            if (!r.ok) return false;
-        }
-    }
-    s.kernlog = r.str();
-    s.seslog = r.str();
-    s.sesuser = r.str();
-    return r.ok && r.at_end() && s.version.size() < sizeof(MGModuleInfo::version);
+// The payload layout, in both directions (St is State or const State).
+template <class Io, class St>
+void transfer(Io &io, St &s) {
+    io.num(s.absent);
+    io.str(s.log_path);
+    io.records(s.fails);
+    io.str(s.version);
+    io.num(s.status);
+    io.record(s.conf);
+    io.records(s.procs);
+    io.records(s.setpids);
+    io.table(s.files, [](Io &x, auto &f) {
+        x.str(f.path);
+        x.record(f.label);
+        x.num(f.is_dir);
+        x.num(f.ino);
+        x.num(f.dev);
+    });
+    io.records(s.users);
+    io.records(s.cats);
+    io.records(s.cmds);
+    io.records(s.su);
+    io.table(s.facl, [](Io &x, auto &e) {
+        x.record(e.hdr);
+        x.records(e.rules);
+    });
+    io.table(s.fgroups, [](Io &x, auto &e) {
+        x.record(e.hdr);
+        x.records(e.rules);
+        x.records(e.members);
+    });
+    io.records(s.kill_acl);
+    io.records(s.setuid_acl);
+    io.records(s.auto_dl);
+    io.records(s.alcmd);
+    io.records(s.origins);
+    for (auto &table : s.alsvc)
+        io.table(table, [](Io &x, auto &e) {
+            x.record(e.hdr);
+            x.records(e.rules);
+        });
+    io.str(s.kernlog);
+    io.str(s.seslog);
+    io.str(s.sesuser);
 }
 
 }  // namespace
@@ -313,21 +271,23 @@ std::string frame(std::string_view payload) {
 
 std::string encode(const State &s) {
     Writer payload;
-    encode_payload(payload, s);
+    transfer(payload, s);
     return frame(payload.out);
 }
 
 bool decode(std::string_view bytes, State *out) {
     if (bytes.size() < kHeaderSize || memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) return false;
     Reader head(bytes.substr(sizeof kMagic, kHeaderSize - sizeof kMagic));
-    uint32_t format = head.num<uint32_t>();
-    uint32_t len = head.num<uint32_t>();
-    uint32_t sum = head.num<uint32_t>();
+    uint32_t format = 0, len = 0, sum = 0;
+    head.num(format);
+    head.num(len);
+    head.num(sum);
     std::string_view payload = bytes.substr(kHeaderSize);
     if (format != kFormat || len != payload.size() || sum != fnv1a(payload)) return false;
     State s;
     Reader r(payload);
-    if (!decode_payload(r, s)) return false;
+    transfer(r, s);
+    if (!r.ok || !r.at_end() || s.version.size() >= sizeof(MGModuleInfo::version)) return false;
     *out = std::move(s);
     return true;
 }
