@@ -3,8 +3,14 @@
 
 #include <mossgrove/seclog.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <thread>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -58,6 +64,27 @@ inline std::string generation(const std::string &dir, int n) {
     char name[32];
     snprintf(name, sizeof name, "/mglog.%02d", n);
     return dir + name;
+}
+
+// Holds the lock file, runs `work` in a child, checks after 200 ms that the
+// child still waits (and runs `while_held`), releases the lock and reaps the
+// child. True when the child waited and then `work` returned 0.
+inline bool waits_for_lock(const std::string &lock_file, const std::function<void()> &while_held,
+                           const std::function<int()> &work) {
+    int held = GetFileLock(lock_file.c_str());
+    if (held < 0) return false;
+    pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        _exit(work() == 0 ? 0 : 1);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    int status = 0;
+    bool waited = child > 0 && waitpid(child, &status, WNOHANG) == 0;
+    while_held();
+    FreeFileLock(held);
+    if (child > 0) waitpid(child, &status, 0);
+    return waited && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace seclogtest

@@ -116,17 +116,6 @@ MG_SANDBOX_TEST(SecureLogSyslog, LockFailureReportsErrnoThenSendsTheRecord) {
     EXPECT_FALSE(mgtest::exists(current));
 }
 
-MG_SANDBOX_TEST(SecureLogSyslog, ErrorRecordOfAnyOtherKind) {
-    reset_writer();
-    ASSERT_EQ(0, InitSecureLog("MGLog", nullptr, 0, 0, 0));
-    SecureLogRecord rec = record("x", "tool");
-    rec.nSource = 4;
-    EXPECT_EQ(0, ErrorSaveSecureLog(3, &rec));
-    auto got = sb.wait_syslog(1);
-    ASSERT_EQ(1u, got.size());
-    expect_failure_record(got[0], rec, "Failed to write SecureLog.");
-}
-
 MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
     reset_writer();
     const std::string root = sb.scratch() + "/root", log = sb.scratch() + "/log";
