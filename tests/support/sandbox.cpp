@@ -139,18 +139,23 @@ std::string SyslogMessage::line() const {
 // ---------------------------------------------------------------------------
 // Sandbox
 
-Sandbox::Sandbox() : base_("/run/mg-sandbox"), scratch_(base_ + "/scratch") {
+Sandbox::Sandbox(SyslogReader reader) : base_("/run/mg-sandbox"), scratch_(base_ + "/scratch") {
     enter_namespaces();
     build_run();
     build_etc();
     build_dev();
-    open_log_socket();
+    open_log_socket(reader);
     // Local time is UTC in the sandbox, whatever the host says.
     check(setenv("TZ", "UTC0", 1), "setenv TZ");
     tzset();
 }
 
 Sandbox::~Sandbox() {
+    if (discarder_ > 0) {
+        kill(discarder_, SIGKILL);
+        while (waitpid(discarder_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
     if (reader_.joinable()) {
         char c = 'x';
         while (write(stop_fd_[1], &c, 1) < 0 && errno == EINTR) {
@@ -213,7 +218,7 @@ void Sandbox::build_dev() {
     check(umount2(old.c_str(), MNT_DETACH), "umount old /dev");
 }
 
-void Sandbox::open_log_socket() {
+void Sandbox::open_log_socket(SyslogReader reader) {
     log_fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (log_fd_ < 0) fail("socket");
     sockaddr_un addr{};
@@ -224,6 +229,26 @@ void Sandbox::open_log_socket() {
     int size = 4 << 20;
     // Best effort: a larger buffer only makes bursts cheaper, the reader drains anyway.
     (void)setsockopt(log_fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    if (reader == SyslogReader::discarding_process) {
+        std::fflush(nullptr);
+        pid_t parent = getpid();
+        discarder_ = fork();
+        if (discarder_ < 0) fail("fork");
+        if (discarder_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) _exit(0);
+            char buf[8192];
+            for (;;) {
+                pollfd fd = {log_fd_, POLLIN, 0};
+                if (poll(&fd, 1, -1) > 0)
+                    while (recv(log_fd_, buf, sizeof buf, MSG_DONTWAIT) > 0) {
+                    }
+            }
+        }
+        close(log_fd_);
+        log_fd_ = -1;
+        return;
+    }
     check(pipe2(stop_fd_, O_CLOEXEC), "pipe");
     reader_ = std::thread([this] { reader_loop(); });
 }
@@ -243,6 +268,7 @@ void Sandbox::reader_loop() {
 }
 
 void Sandbox::drain_locked() {
+    if (log_fd_ < 0) return;
     static thread_local std::vector<char> buf(1 << 16);
     for (;;) {
         ssize_t n = recv(log_fd_, buf.data(), buf.size(), MSG_DONTWAIT);

@@ -68,9 +68,15 @@ public:
     static constexpr const char *kUtmpx = "/run/utmp";
     static constexpr const char *kLogSocket = "/dev/log";
 
+    // Who serves /dev/log: a reader thread that keeps every message for the
+    // test (the default), or a child process that discards them, for
+    // benchmarks that must stay single-threaded (in a threaded process every
+    // munmap, as in dlclose, costs a cross-CPU TLB shootdown).
+    enum class SyslogReader { thread, discarding_process };
+
     // Enters fresh mount and UTS namespaces in the calling process and builds
     // the world described above. Throws std::runtime_error on failure.
-    Sandbox();
+    explicit Sandbox(SyslogReader reader = SyslogReader::thread);
     ~Sandbox();
     Sandbox(const Sandbox &) = delete;
     Sandbox &operator=(const Sandbox &) = delete;
@@ -105,6 +111,7 @@ public:
     void make_device(const std::string &name, unsigned major, unsigned minor);
 
     // --- syslog -------------------------------------------------------------
+    // (With a discarding process nothing is kept and these return nothing.)
     // Every message received so far (drains the socket first, so whatever was
     // sent before this call is included).
     std::vector<SyslogMessage> syslog();
@@ -121,13 +128,14 @@ private:
     void build_run();
     void build_etc();
     void build_dev();
-    void open_log_socket();
+    void open_log_socket(SyslogReader reader);
     void reader_loop();
     void drain_locked();
 
     std::string base_;     // /run/mg-sandbox
     std::string scratch_;  // base_/scratch
     int log_fd_ = -1;
+    pid_t discarder_ = -1;
     int stop_fd_[2] = {-1, -1};
     std::thread reader_;
     std::mutex mutex_;

@@ -111,6 +111,7 @@ World::World(mgtest::Sandbox &sandbox, const WorldOptions &opts) : sb(sandbox) {
     service_file("login", lines);
     service_file("dtlogin", lines);
     service_file("ftp", lines);
+    service_file("other", "# libpam reads this at every start\n");
 }
 
 void World::service_file(const std::string &service, const std::string &lines) {
