@@ -118,6 +118,43 @@ void decided_by(PamRequest &request, int kind, const char *name) noexcept {
     bformat(request.rule_name, sizeof request.rule_name, "%s", name);
 }
 
+bool has_member(const struct group &g, const char *user) noexcept {
+    for (char **member = g.gr_mem; member != nullptr && *member != nullptr; ++member)
+        if (strcmp(*member, user) == 0) return true;
+    return false;
+}
+
+// Appends ",name" when the text stays within size - 1 characters.
+bool append_group(char *buffer, size_t size, size_t &len, const char *name) noexcept {
+    size_t name_len = strlen(name);
+    if (len + 1 + name_len > size - 1) return false;
+    buffer[len] = ',';
+    memcpy(buffer + len + 1, name, name_len + 1);
+    len += 1 + name_len;
+    return true;
+}
+
+// The group list as getgrgid and a scan of every group build it: the primary
+// group's name, then every other group that lists the user, up to the first
+// name that does not fit.
+int user_groups_two_scans(gid_t gid, const char *user, char *buffer, size_t size) noexcept {
+    const struct group *primary = getgrgid(gid);
+    if (primary == nullptr) return 0;
+    bformat(buffer, size, "%s", primary->gr_name);
+    size_t primary_len = strlen(buffer);
+    size_t len = primary_len;
+    int count = 1;
+    setgrent();
+    for (const struct group *g = getgrent(); g != nullptr; g = getgrent()) {
+        if (strncmp(g->gr_name, buffer, primary_len) == 0 && g->gr_name[primary_len] == '\0') continue;
+        if (!has_member(*g, user)) continue;
+        if (!append_group(buffer, size, len, g->gr_name)) break;
+        ++count;
+    }
+    endgrent();
+    return count;
+}
+
 // Groups: 1 or 0 when a group file decided or on error, 2 when none applied.
 int check_group_rules(PamRequest &request) noexcept {
     char groups[1024];
@@ -264,31 +301,42 @@ int scan_rule_file(PamRequest &request, int fd) noexcept {
 int get_user_groups(gid_t gid, const char *user, char *buffer, size_t size) noexcept {
     if (buffer == nullptr || size == 0) return 0;
     buffer[0] = '\0';
-    const struct group *primary = getgrgid(gid);
-    if (primary == nullptr || user == nullptr) return 0;
-    bformat(buffer, size, "%s", primary->gr_name);
-    size_t primary_len = strlen(buffer);
-    size_t len = primary_len;
-    int count = 1;
-    bool full = false;
+    if (user == nullptr) return 0;
+    // One scan finds the primary group (the first entry with the gid, which is
+    // what getgrgid gives) and the groups that list the user. Whatever that
+    // scan cannot settle goes the long way: getgrgid, then a second scan.
+    char primary[256];
+    bool found = false, overflow = false;
+    char names[2048];  // member groups, each NUL terminated, in scan order
+    size_t used = 0;
     setgrent();
-    for (const struct group *g = getgrent(); g != nullptr && !full; g = getgrent()) {
-        if (strncmp(g->gr_name, buffer, primary_len) == 0 && g->gr_name[primary_len] == '\0') continue;
-        for (char **member = g->gr_mem; member != nullptr && *member != nullptr; ++member) {
-            if (strcmp(*member, user) != 0) continue;
-            size_t name_len = strlen(g->gr_name);
-            if (len + 1 + name_len > size - 1) {
-                full = true;
-                break;
-            }
-            buffer[len] = ',';
-            memcpy(buffer + len + 1, g->gr_name, name_len + 1);
-            len += 1 + name_len;
-            ++count;
+    for (const struct group *g = getgrent(); g != nullptr && !overflow; g = getgrent()) {
+        if (!found && g->gr_gid == gid) {
+            found = true;
+            overflow = strlen(g->gr_name) >= sizeof primary;
+            if (!overflow) memcpy(primary, g->gr_name, strlen(g->gr_name) + 1);
+            continue;
+        }
+        if (!has_member(*g, user)) continue;
+        size_t n = strlen(g->gr_name) + 1;
+        if (used + n > sizeof names) {
+            overflow = true;
             break;
         }
+        memcpy(names + used, g->gr_name, n);
+        used += n;
     }
     endgrent();
+    if (!found || overflow) return user_groups_two_scans(gid, user, buffer, size);
+
+    bformat(buffer, size, "%s", primary);
+    size_t len = strlen(buffer);
+    int count = 1;
+    for (const char *name = names; name < names + used; name += strlen(name) + 1) {
+        if (strcmp(name, primary) == 0) continue;
+        if (!append_group(buffer, size, len, name)) break;
+        ++count;
+    }
     return count;
 }
 

@@ -150,22 +150,39 @@ inline bool starts_with(const char *text, const char *prefix) noexcept {
 
 // ---- Rule files (rulefile.cpp) ----------------------------------------------
 
+// A 64 KiB block for reading rule and utmpx files: the module's one static
+// block when it is free (no allocation, no heap growth per call), else a heap
+// block. data() is nullptr when no memory could be had.
+class ReadBlock {
+public:
+    static constexpr size_t kSize = 64 * 1024;
+    ReadBlock() noexcept;
+    ~ReadBlock();
+    ReadBlock(const ReadBlock &) = delete;
+    ReadBlock &operator=(const ReadBlock &) = delete;
+    char *data() const noexcept { return data_; }
+
+private:
+    char *data_;
+    bool static_;
+};
+
 // Reads a descriptor the way fgets with a 512-byte buffer reads a stream, in
 // large blocks. Owns the descriptor.
 class LineReader {
 public:
-    explicit LineReader(int fd) noexcept;
+    explicit LineReader(int fd) noexcept : fd_(fd) {}
     ~LineReader();
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
-    bool ok() const noexcept { return buffer_ != nullptr; }
+    bool ok() const noexcept { return block_.data() != nullptr; }
     // Next piece into line (NUL terminated); false at end of file.
     bool next(char (&line)[kLineBuffer]) noexcept;
 
 private:
     bool fill() noexcept;
     int fd_;
-    char *buffer_;
+    ReadBlock block_;
     size_t pos_ = 0, end_ = 0;
     bool eof_ = false;
 };

@@ -11,21 +11,34 @@
 
 namespace mg::pam {
 namespace {
-constexpr size_t kReadBlock = 64 * 1024;
+char g_block[ReadBlock::kSize];
+bool g_block_busy = false;
+}  // namespace
+
+ReadBlock::ReadBlock() noexcept : data_(nullptr), static_(!g_block_busy) {
+    if (static_) {
+        g_block_busy = true;
+        data_ = g_block;
+    } else {
+        data_ = static_cast<char *>(malloc(kSize));
+    }
 }
 
-LineReader::LineReader(int fd) noexcept
-    : fd_(fd), buffer_(static_cast<char *>(malloc(kReadBlock))) {}
+ReadBlock::~ReadBlock() {
+    if (static_)
+        g_block_busy = false;
+    else
+        free(data_);
+}
 
 LineReader::~LineReader() {
-    free(buffer_);
     if (fd_ >= 0) close(fd_);
 }
 
 bool LineReader::fill() noexcept {
     if (eof_) return false;
     for (;;) {
-        ssize_t n = read(fd_, buffer_, kReadBlock);
+        ssize_t n = read(fd_, block_.data(), ReadBlock::kSize);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             // A read error ends the file as it would end fgets.
@@ -39,14 +52,14 @@ bool LineReader::fill() noexcept {
 }
 
 bool LineReader::next(char (&line)[kLineBuffer]) noexcept {
-    if (buffer_ == nullptr) return false;
+    if (block_.data() == nullptr) return false;
     size_t used = 0;
     while (used < kLineBuffer - 1) {
         if (pos_ == end_ && !fill()) break;
         size_t want = kLineBuffer - 1 - used;
         size_t avail = end_ - pos_;
         size_t take = avail < want ? avail : want;
-        const char *start = buffer_ + pos_;
+        const char *start = block_.data() + pos_;
         const void *nl = memchr(start, '\n', take);
         if (nl != nullptr) take = static_cast<size_t>(static_cast<const char *>(nl) - start) + 1;
         memcpy(line + used, start, take);

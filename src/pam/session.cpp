@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 namespace mg::pam {
 namespace {
@@ -52,21 +51,24 @@ void for_each_utmpx(Fn &&fn) noexcept {
     if (path == nullptr) path = _PATH_UTMPX;
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return;
-    constexpr size_t kRecords = 256;
-    std::unique_ptr<struct utmpx[]> block(new (std::nothrow) struct utmpx[kRecords]);
-    if (block) {
-        char *bytes = reinterpret_cast<char *>(block.get());
+    ReadBlock block;
+    char *bytes = block.data();
+    if (bytes != nullptr) {
+        constexpr size_t kWhole = ReadBlock::kSize / sizeof(struct utmpx) * sizeof(struct utmpx);
         size_t have = 0;
         for (;;) {
-            ssize_t n = read(fd, bytes + have, kRecords * sizeof(struct utmpx) - have);
+            ssize_t n = read(fd, bytes + have, kWhole - have);
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) break;
             have += static_cast<size_t>(n);
-            size_t whole = have / sizeof(struct utmpx);
-            for (size_t i = 0; i < whole; ++i) fn(block[i]);
-            size_t rest = have - whole * sizeof(struct utmpx);
-            if (rest > 0) memmove(bytes, bytes + whole * sizeof(struct utmpx), rest);
-            have = rest;
+            size_t whole = have / sizeof(struct utmpx) * sizeof(struct utmpx);
+            for (size_t off = 0; off < whole; off += sizeof(struct utmpx)) {
+                struct utmpx entry;
+                memcpy(&entry, bytes + off, sizeof entry);
+                fn(entry);
+            }
+            if (have > whole) memmove(bytes, bytes + whole, have - whole);
+            have -= whole;
         }
     }
     close(fd);

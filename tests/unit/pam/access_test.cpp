@@ -241,6 +241,38 @@ MG_SANDBOX_TEST(AccessGroups, GroupListOrderAndLimit) {
     EXPECT_EQ(0, get_user_groups(6000, "alice", buf, sizeof buf));
 }
 
+MG_SANDBOX_TEST(AccessGroups, OrderDoesNotDependOnWhereThePrimaryGroupStands) {
+    sb.add_group("early", 5100, {"alice"});
+    sb.add_group("home", 5101, {"alice"});  // lists its own member
+    sb.add_group("home2", 5101, {"alice"});  // same gid, later: an ordinary group
+    sb.add_group("late", 5102, {"alice"});
+    char buf[1024];
+    EXPECT_EQ(4, get_user_groups(5101, "alice", buf, sizeof buf));
+    EXPECT_STREQ("home,early,home2,late", buf);
+}
+
+MG_SANDBOX_TEST(AccessGroups, ManyGroupsAreCutAtTheBufferSize) {
+    // More member groups than one scan keeps: the list is still cut exactly
+    // where the next name no longer fits.
+    sb.add_group("prim", 5200);
+    std::string expected = "prim";
+    bool full = false;
+    int count = 1;
+    for (int i = 0; i < 150; ++i) {
+        std::string name = "group_with_a_long_name_" + std::to_string(1000 + i);
+        sb.add_group(name, 6000 + i, {"alice"});
+        if (!full && expected.size() + 1 + name.size() <= 1023) {
+            expected += "," + name;
+            ++count;
+        } else {
+            full = true;
+        }
+    }
+    char buf[1024];
+    EXPECT_EQ(count, get_user_groups(5200, "alice", buf, sizeof buf));
+    EXPECT_EQ(expected, buf);
+}
+
 MG_SANDBOX_TEST(AccessGroups, FirstGroupWithADecisionWins) {
     sb.add_group("staff", 5000);
     sb.add_group("dev", 5001, {"alice"});
