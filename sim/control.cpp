@@ -21,13 +21,13 @@ namespace {
 // Runs fn(State&) under the state lock; fn returns the result (or -1 with
 // errno). The state is written back when fn marked it dirty.
 template <class Fn>
-int with_state(Fn fn, bool modifies) {
+int with_state(Fn fn, bool modifies, const bool *changed = nullptr) {
     std::lock_guard<std::mutex> guard(process_mutex());
     Access access;
     if (!access.open()) return -1;
     int r = fn(access.state());
     int e = errno;
-    if (modifies && r >= 0) access.dirty() = true;
+    if ((modifies && r >= 0) || (changed && *changed)) access.dirty() = true;
     if (!access.finish()) return -1;
     errno = e;
     return r;
@@ -167,15 +167,7 @@ int mgsim_check(void) noexcept {
     std::lock_guard<std::mutex> guard(process_mutex());
     const char *path = state_path();
     if (path == nullptr) return invalid();
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return errno == ENOENT ? 0 : -1;
-    std::string bytes;
-    char buf[65536];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0) bytes.append(buf, static_cast<size_t>(n));
-    close(fd);
-    State s;
-    return (n == 0 && decode(bytes, &s)) ? 0 : 1;
+    return check_file(path);
 }
 
 int mgsim_set_status(int status) noexcept {
@@ -228,9 +220,9 @@ int mgsim_set_proc_label(int pid, int role, int level, int category) noexcept {
 int mgsim_get_proc_label(int pid, int *role, int *level, int *category) noexcept {
     if (pid < 0) return invalid();
     int values[3] = {0, 0, 0};
+    bool dirty = false;  // a label whose process is gone is dropped on the way
     int r = with_state(
         [&](State &s) {
-            bool dirty = false;
             if (const ProcEntry *p = find_proc(s, pid == 0 ? getpid() : pid, &dirty)) {
                 values[0] = p->role;
                 values[1] = p->level;
@@ -238,7 +230,7 @@ int mgsim_get_proc_label(int pid, int *role, int *level, int *category) noexcept
             }
             return 0;
         },
-        false);
+        false, &dirty);
     if (r < 0) return -1;
     if (role) *role = values[0];
     if (level) *level = values[1];

@@ -22,7 +22,7 @@ public:
     // false: no state configured (errno EINVAL) or the state can't be used.
     bool open();
     bool finish();
-    State &state() { return session_->state; }
+    State &state() { return session_->state(); }
     bool &dirty() { return session_->dirty; }
     bool was_reset() const { return session_->was_reset; }
     ~Access();

@@ -32,9 +32,9 @@ State::State() : conf(default_conf()) {}
 
 namespace {
 
-constexpr char kMagic[8] = {'M', 'G', 'S', 'I', 'M', 'S', 'T', '1'};
-constexpr uint32_t kFormat = 1;
-constexpr size_t kHeaderSize = sizeof kMagic + 3 * sizeof(uint32_t);
+constexpr char kMagic[8] = {'M', 'G', 'S', 'I', 'M', 'S', 'T', '2'};
+constexpr uint32_t kFormat = 2;
+constexpr uint64_t kRegionAlign = 4096;
 // Bounds on what a damaged file can make the decoder allocate: a table of
 // records (the largest, 8192 MLS users, takes 11 MB), and a table of entries,
 // each of which takes at least two bytes of the file.
@@ -259,37 +259,59 @@ void transfer(Io &io, St &s) {
 
 }  // namespace
 
-std::string frame(std::string_view payload) {
-    Writer w;
-    w.out.append(kMagic, sizeof kMagic);
-    w.num(kFormat);
-    w.num(static_cast<uint32_t>(payload.size()));
-    w.num(fnv1a(payload));
-    w.out += payload;
-    return std::move(w.out);
+namespace {
+
+FileHeader make_header(uint64_t offset, std::string_view payload, uint64_t generation) {
+    FileHeader h{};
+    memcpy(h.magic, kMagic, sizeof kMagic);
+    h.format = kFormat;
+    h.length = static_cast<uint32_t>(payload.size());
+    h.offset = offset;
+    h.generation = generation;
+    h.checksum = fnv1a(payload);
+    h.header_checksum = fnv1a({reinterpret_cast<const char *>(&h), offsetof(FileHeader, header_checksum)});
+    return h;
 }
 
-std::string encode(const State &s) {
-    Writer payload;
-    transfer(payload, s);
-    return frame(payload.out);
+bool header_ok(const FileHeader &h) {
+    return memcmp(h.magic, kMagic, sizeof kMagic) == 0 && h.format == kFormat &&
+           h.header_checksum == fnv1a({reinterpret_cast<const char *>(&h), offsetof(FileHeader, header_checksum)}) &&
+           h.offset >= sizeof(FileHeader) && h.offset <= (1ull << 40);
 }
 
-bool decode(std::string_view bytes, State *out) {
-    if (bytes.size() < kHeaderSize || memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) return false;
-    Reader head(bytes.substr(sizeof kMagic, kHeaderSize - sizeof kMagic));
-    uint32_t format = 0, len = 0, sum = 0;
-    head.num(format);
-    head.num(len);
-    head.num(sum);
-    std::string_view payload = bytes.substr(kHeaderSize);
-    if (format != kFormat || len != payload.size() || sum != fnv1a(payload)) return false;
+bool decode_payload(std::string_view payload, State *out) {
     State s;
     Reader r(payload);
     transfer(r, s);
     if (!r.ok || !r.at_end() || s.version.size() >= sizeof(MGModuleInfo::version)) return false;
     *out = std::move(s);
     return true;
+}
+
+std::string encode_payload(const State &s) {
+    Writer w;
+    transfer(w, s);
+    return std::move(w.out);
+}
+
+}  // namespace
+
+std::string frame(std::string_view payload) {
+    FileHeader h = make_header(sizeof h, payload, 1);
+    std::string out(reinterpret_cast<const char *>(&h), sizeof h);
+    out.append(payload);
+    return out;
+}
+
+std::string encode(const State &s) { return frame(encode_payload(s)); }
+
+bool decode(std::string_view bytes, State *out) {
+    FileHeader h;
+    if (bytes.size() < sizeof h) return false;
+    memcpy(&h, bytes.data(), sizeof h);
+    if (!header_ok(h) || h.offset > bytes.size() || h.length > bytes.size() - h.offset) return false;
+    std::string_view payload = bytes.substr(h.offset, h.length);
+    return fnv1a(payload) == h.checksum && decode_payload(payload, out);
 }
 
 namespace {
@@ -349,108 +371,198 @@ std::string format_fail_spec(const std::vector<FailRule> &rules) {
 
 namespace {
 
-bool read_all(int fd, std::string *out) {
-    char buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) return true;
-        out->append(buf, static_cast<size_t>(n));
-    }
-}
-
-bool write_all(int fd, std::string_view data) {
-    while (!data.empty()) {
-        ssize_t n = write(fd, data.data(), data.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data.remove_prefix(static_cast<size_t>(n));
+bool pread_all(int fd, void *buf, size_t n, uint64_t offset) {
+    auto *p = static_cast<char *>(buf);
+    while (n > 0) {
+        ssize_t r = pread(fd, p, n, static_cast<off_t>(offset));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        p += r;
+        n -= static_cast<size_t>(r);
+        offset += static_cast<uint64_t>(r);
     }
     return true;
 }
 
+bool pwrite_all(int fd, const void *buf, size_t n, uint64_t offset) {
+    const auto *p = static_cast<const char *>(buf);
+    while (n > 0) {
+        ssize_t r = pwrite(fd, p, n, static_cast<off_t>(offset));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        p += r;
+        n -= static_cast<size_t>(r);
+        offset += static_cast<uint64_t>(r);
+    }
+    return true;
+}
+
+uint64_t align_up(uint64_t v) { return (v + kRegionAlign - 1) / kRegionAlign * kRegionAlign; }
+
+// The last state this process read or wrote, and the header it belongs to.
+struct Cache {
+    std::string path;
+    bool valid = false;
+    FileHeader header{};
+    State state;
+};
+
+Cache &cache() {
+    static Cache *c = new Cache;  // never destroyed: calls may come during exit
+    return *c;
+}
+
+bool same_version(const FileHeader &a, const FileHeader &b) {
+    return a.generation == b.generation && a.length == b.length && a.checksum == b.checksum;
+}
+
+int lock_file(const std::string &path) {
+    std::string lock = path + ".lock";
+    int fd = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) return -1;
+    while (flock(fd, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            int e = errno;
+            ::close(fd);
+            errno = e;
+            return -1;
+        }
+    }
+    return fd;
+}
+
+// Reads the state of an open, non-empty state file: 1 read, 0 damaged, -1 error.
+int read_state(int fd, FileHeader *header, State *out, bool use_cache, const std::string &path) {
+    FileHeader h;
+    struct stat st;
+    if (fstat(fd, &st) != 0) return -1;
+    if (!pread_all(fd, &h, sizeof h, 0) || !header_ok(h) || h.offset + h.length > static_cast<uint64_t>(st.st_size))
+        return 0;
+    Cache &c = cache();
+    if (use_cache && c.valid && c.path == path && same_version(c.header, h)) {
+        *header = h;
+        return 1;
+    }
+    std::string payload(h.length, '\0');
+    if (!pread_all(fd, payload.data(), payload.size(), h.offset) || fnv1a(payload) != h.checksum) return 0;
+    if (!decode_payload(payload, out)) return 0;
+    *header = h;
+    return 1;
+}
+
 }  // namespace
+
+State &Session::state() { return cache().state; }
 
 bool Session::open(const std::string &path) {
     close();
     path_ = path;
     dirty = false;
     was_reset = false;
-    std::string lock = path + ".lock";
-    lock_fd_ = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    active_ = FileHeader{};
+    lock_fd_ = lock_file(path);
     if (lock_fd_ < 0) return false;
-    while (flock(lock_fd_, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            int e = errno;
-            close();
-            errno = e;
-            return false;
-        }
+    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    struct stat st;
+    if (fd_ < 0 || fstat(fd_, &st) != 0) {
+        int e = errno;
+        close();
+        errno = e;
+        return false;
     }
-    state = State();
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        if (errno != ENOENT) {
-            int e = errno;
-            close();
-            errno = e;
-            return false;
-        }
-        dirty = true;  // created on first use
+    Cache &c = cache();
+    if (c.path != path) {
+        c.path = path;
+        c.valid = false;
+    }
+    if (st.st_size == 0) {  // created on first use
+        c.state = State();
+        c.valid = false;
+        dirty = true;
         return true;
     }
-    std::string bytes;
-    bool read_ok = read_all(fd, &bytes);
-    ::close(fd);
-    if (!read_ok || !decode(bytes, &state)) {
-        // A damaged file is replaced by a fresh state; say so once.
-        fprintf(stderr, "mgsim: state file %s is damaged; reset to a fresh state\n", path.c_str());
-        state = State();
-        dirty = true;
-        was_reset = true;
+    int r = read_state(fd_, &active_, &c.state, true, path);
+    if (r == 1) {
+        c.header = active_;
+        c.valid = true;
+        return true;
     }
+    if (r < 0) {
+        int e = errno;
+        close();
+        errno = e;
+        return false;
+    }
+    // A damaged file is replaced by a fresh state; say so.
+    fprintf(stderr, "mgsim: state file %s is damaged; reset to a fresh state\n", path.c_str());
+    active_ = FileHeader{};
+    c.state = State();
+    c.valid = false;
+    dirty = true;
+    was_reset = true;
     return true;
 }
 
 bool Session::commit() {
-    if (lock_fd_ < 0) {
+    if (fd_ < 0) {
         errno = EBADF;
         return false;
     }
     if (!dirty) return true;
-    // The whole file is replaced through a temporary file while the lock is
-    // held, so a caller killed at any point leaves either the old or the new
-    // state. No fsync: the state is scratch data of a test run and only has
-    // to survive killed processes, not a crash of the machine.
-    std::string tmp = path_ + ".tmp";
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return false;
-    std::string bytes = encode(state);
-    bool ok = write_all(fd, bytes);
-    int e = errno;
-    if (::close(fd) != 0 && ok) {
-        ok = false;
-        e = errno;
-    }
-    if (ok && rename(tmp.c_str(), path_.c_str()) != 0) {
-        ok = false;
-        e = errno;
-    }
-    if (!ok) {
-        unlink(tmp.c_str());
-        errno = e;
-        return false;
-    }
+    Cache &c = cache();
+    c.valid = false;  // until the file holds what memory holds
+    std::string payload = encode_payload(c.state);
+    // The lowest place that leaves the current payload intact: the first
+    // region when the new payload fits before the current one, else after it.
+    // The file stays below about three times the largest state.
+    uint64_t offset = kRegionAlign;
+    if (active_.length > 0 && offset + payload.size() > active_.offset)
+        offset = align_up(active_.offset + active_.length);
+    FileHeader h = make_header(offset, payload, active_.generation + 1);
+    // No fsync: the state is scratch data of a test run and only has to
+    // survive killed processes, not a crash of the machine.
+    if (!pwrite_all(fd_, payload.data(), payload.size(), offset) || !pwrite_all(fd_, &h, sizeof h, 0)) return false;
+    active_ = h;
+    c.header = h;
+    c.valid = true;
     dirty = false;
     return true;
 }
 
 void Session::close() {
+    if (dirty) cache().valid = false;  // abandoned changes
+    dirty = false;
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
     if (lock_fd_ >= 0) {
         ::close(lock_fd_);  // releases the lock
         lock_fd_ = -1;
     }
+}
+
+int check_file(const std::string &path) {
+    int lock = lock_file(path);
+    if (lock < 0) return -1;
+    int result = 0;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0) {
+        result = errno == ENOENT ? 0 : -1;
+    } else {
+        FileHeader h;
+        State s;
+        if (fstat(fd, &st) != 0) {
+            result = -1;
+        } else if (st.st_size > 0) {
+            int r = read_state(fd, &h, &s, false, path);
+            result = r == 1 ? 0 : (r == 0 ? 1 : -1);
+        }
+        ::close(fd);
+    }
+    ::close(lock);
+    return result;
 }
 
 uint64_t process_start(int pid) {

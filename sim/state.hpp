@@ -95,10 +95,28 @@ struct State {
 // The configuration block a freshly loaded module holds.
 std::array<uint8_t, 22> default_conf();
 
-// Binary state file: encode always succeeds; decode returns false on any damage.
+// The state file: a 40-byte header at offset 0 names the region that holds
+// the current payload (offset, length, checksum, generation). A write puts
+// the new payload in a region that does not overlap the current one, then
+// rewrites the header with one small write: a writer killed at any moment
+// leaves the old or the new state, and no block is ever freed (replacing
+// files costs milliseconds on some file systems).
+struct FileHeader {
+    char magic[8];
+    uint32_t format;
+    uint32_t length;
+    uint64_t offset;
+    uint64_t generation;
+    uint32_t checksum;         // of the payload
+    uint32_t header_checksum;  // of the 36 bytes before it
+};
+static_assert(sizeof(FileHeader) == 40);
+
+// A whole file image (header at 0, payload after it); decode accepts any
+// image whose header is intact and whose payload matches its checksum.
 std::string encode(const State &s);
 bool decode(std::string_view bytes, State *out);
-// The file around an encoded payload: magic, format, length and checksum.
+// An image around a payload, with a valid header.
 std::string frame(std::string_view payload);
 
 // "sub:errno[:times],..." ; returns false on a malformed specification.
@@ -106,24 +124,35 @@ bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out);
 std::string format_fail_spec(const std::vector<FailRule> &rules);
 
 // A locked view of the state file for one call (or one batch). The state is
-// read on open and written back by commit() when `dirty` was set.
+// read on open and written back by commit() when `dirty` was set. Each
+// process keeps the last state it read or wrote, and reuses it while the
+// file's header shows the same generation, length and checksum.
 class Session {
 public:
     // path: the state file. Fails (returns false, errno set) when the lock
-    // file can't be created or locked.
+    // file or the state file can't be opened.
     bool open(const std::string &path);
     bool commit();
     void close();
     ~Session() { close(); }
+    Session() = default;
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
 
-    State state;
+    State &state();
     bool dirty = false;
-    bool was_reset = false;  // the file was corrupt and has been reset
+    bool was_reset = false;  // the file was damaged and has been reset
 
 private:
     std::string path_;
     int lock_fd_ = -1;
+    int fd_ = -1;
+    FileHeader active_{};  // header of the state read (zero when none)
 };
+
+// 0: the state file is intact, empty or missing; 1: damaged; -1: error.
+// Reads under the lock and repairs nothing.
+int check_file(const std::string &path);
 
 // Process start time of a pid (0 when unknown), from /proc.
 uint64_t process_start(int pid);
