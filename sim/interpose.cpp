@@ -51,18 +51,26 @@ long raw_syscall(long n, const long *a) {
 #if defined(MGSIM_PRELOAD)
 using SyscallFn = long (*)(long, ...);
 
-// The C library's syscall(), found behind this preloaded object.
+// The C library's syscall(), found behind this preloaded object. A system
+// call made while dlsym is at work (by an allocator, say) goes out raw.
 SyscallFn next_syscall() {
     static std::atomic<SyscallFn> next{nullptr};
     static std::atomic<bool> resolved{false};
+    static thread_local bool resolving = false;
     if (!resolved.load(std::memory_order_acquire)) {
+        if (resolving) return nullptr;
+        resolving = true;
         auto fn = reinterpret_cast<SyscallFn>(dlsym(RTLD_NEXT, "syscall"));
+        resolving = false;
         if (fn == reinterpret_cast<SyscallFn>(&syscall)) fn = nullptr;
         next.store(fn, std::memory_order_relaxed);
         resolved.store(true, std::memory_order_release);
     }
     return next.load(std::memory_order_relaxed);
 }
+
+// Resolved while the object is loaded, before any thread of the program calls it.
+__attribute__((constructor)) void resolve_at_load() { next_syscall(); }
 #endif
 
 __attribute__((noinline)) long forward(long n, const long *a) {
