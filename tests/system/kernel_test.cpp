@@ -25,8 +25,6 @@
 namespace mgsys {
 namespace {
 
-Items from(const std::string &rhost, const std::string &tty = "pts/3") { return {rhost, tty, std::nullopt}; }
-
 std::vector<MGLoginOrigin> origins() {
     std::vector<MGLoginOrigin> out(64);
     int n = mgsim_read_table(MGSIM_T_ORIGIN, out.data(), static_cast<int>(out.size()));

@@ -2,6 +2,8 @@
 
 #include "mgsim.h"
 
+#include <security/pam_appl.h>
+
 namespace mgsys {
 
 void add_test_accounts(mgtest::Sandbox &sb) {
@@ -72,6 +74,16 @@ std::string entry_text(const AuditEntry &entry, int flag, int level) {
     EXPECT_NE(entry.event, 0) << entry.raw;
     EXPECT_LE(entry.event, entry.logged) << entry.raw;
     return entry.message;
+}
+
+void expect_reported(World &w, const Outcome &out, const std::string &text) {
+    if (text.empty()) {
+        EXPECT_EQ(w.take_module_syslog(), Lines{});
+        EXPECT_TRUE(out.conv.empty());
+        return;
+    }
+    EXPECT_EQ(w.take_module_syslog(), Lines{"<35>" + text});
+    EXPECT_EQ(out.conv, (std::vector<ConvMessage>{{PAM_TEXT_INFO, text}}));
 }
 
 }  // namespace mgsys

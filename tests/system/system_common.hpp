@@ -9,10 +9,16 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace mgsys {
 
 enum class Kernel { absent, present };
+
+using Lines = std::vector<std::string>;
+
+// Items of a remote login: remote host and terminal.
+inline Items from(const std::string &rhost, const std::string &tty = "pts/3") { return {rhost, tty, std::nullopt}; }
 
 inline std::string kernel_name(const ::testing::TestParamInfo<Kernel> &info) {
     return info.param == Kernel::absent ? "KernelAbsent" : "KernelPresent";
@@ -60,5 +66,10 @@ std::string session_violation(Kernel kernel, const std::string &service, const s
 
 // Checks the fixed fields of one of the module's entries and returns its text.
 std::string entry_text(const AuditEntry &entry, int flag, int level);
+
+// Checks that a transaction reported `text` the way refusals of unusable
+// hosts are reported, to syslog (LOG_ERR) and to the user; an empty text:
+// that it reported nothing at all.
+void expect_reported(World &w, const Outcome &out, const std::string &text);
 
 }  // namespace mgsys

@@ -18,8 +18,6 @@
 namespace mgsys {
 namespace {
 
-Items from(const std::string &rhost) { return {rhost, std::string("pts/3"), std::nullopt}; }
-
 // Freezes the clock at a local (UTC in the sandbox) time.
 void clock_at(const char *when) { ASSERT_EQ(setenv("FAKETIME", when, 1), 0); }
 
