@@ -52,6 +52,29 @@ size_t format_record(char (&out)[kLineMax], char sep, const SecureLogRecord &rec
                        rec.szProgram, rec.szAddress, rec.szMessage);
 }
 
+// The file form is one record per line and one field per tab: a control
+// character inside a text field (a newline or tab in a remote host name, say)
+// becomes a blank, so that no text can split a record or forge another.
+template <size_t N>
+const char *blank_controls(char (&out)[N + 1], const char (&field)[N]) {
+    size_t i = 0;
+    for (; i < N && field[i] != '\0'; ++i) {
+        unsigned char c = static_cast<unsigned char>(field[i]);
+        out[i] = (c < 0x20 || c == 0x7f) ? ' ' : field[i];
+    }
+    out[i] = '\0';
+    return out;
+}
+
+size_t format_file_record(char (&out)[kLineMax], const SecureLogRecord &rec) {
+    char program[sizeof rec.szProgram + 1], address[sizeof rec.szAddress + 1];
+    char message[sizeof rec.szMessage + 1];
+    return format_line(out, '\t', rec.nSource, rec.nFlag, rec.nLevel, rec.tLogged, rec.tEvent,
+                       blank_controls<sizeof rec.szProgram>(program, rec.szProgram),
+                       blank_controls<sizeof rec.szAddress>(address, rec.szAddress),
+                       blank_controls<sizeof rec.szMessage>(message, rec.szMessage));
+}
+
 void syslog_display(const SecureLogRecord &rec) {
     char display[kLineMax];
     format_record(display, '|', rec);
@@ -74,7 +97,7 @@ bool ends_in_two_digits(const char *path, size_t len) {
 // The display form is only built when it is needed.
 void append_record(SecureLogRecord *rec) {
     char line[kLineMax];
-    size_t len = format_record(line, '\t', *rec);
+    size_t len = format_file_record(line, *rec);
     LogLock lock(g_szLockFilename);
     if (!lock.held()) {
         ErrorSaveSecureLog(2, rec);

@@ -133,6 +133,19 @@ TEST_F(Writer, UnterminatedTextFieldsAreBoundedByTheirBuffers) {
     EXPECT_EQ(std::string(1024, 'M'), f[7]);
 }
 
+TEST_F(Writer, ControlCharactersCannotSplitOrForgeAFileRecord) {
+    init(100000, 3, 1);
+    SecureLogRecord rec = record("host\n7\t0\t1\t0\t0\tPAM-ACL\t1.2.3.4\tforged");
+    snprintf(rec.szProgram, sizeof rec.szProgram, "P\tX");
+    ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+    std::vector<std::string> lines = lines_of(current);
+    ASSERT_EQ(1u, lines.size());
+    std::vector<std::string> f = split(lines[0], '\t');
+    ASSERT_EQ(8u, f.size());
+    EXPECT_EQ("P X", f[5]);
+    EXPECT_EQ("host 7 0 1 0 0 PAM-ACL 1.2.3.4 forged", f[7]);
+}
+
 TEST_F(Writer, RotationStartsOnlyPastTheLimitPlusSlack) {
     const size_t line = line_length();  // re-inits with limit 1000, 5 generations
     // Ends exactly at limit + 2048: no rotation.
