@@ -5,15 +5,44 @@
 #include "pam/pam_acl.hpp"
 #include "pam_memfile.hpp"
 
+#include <mossgrove/common.h>
+
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+
+namespace {
+
+// The module's one-pass field splitter must cut exactly where xparse_string
+// cuts, on any text.
+void compare_splitters(const uint8_t *data, size_t size) {
+    char a[mg::pam::kLineBuffer], b[mg::pam::kLineBuffer];
+    size_t n = size < sizeof a - 1 ? size : sizeof a - 1;
+    memcpy(a, data, n);
+    a[n] = '\0';
+    memcpy(b, a, n + 1);
+    for (int want : {5, 6}) {
+        char *fa[6] = {}, *fb[6] = {};
+        int stored = mg::pam::split_fields(a, ':', fa, want);
+        int rc = xparse_string(b, ':', fb, want);
+        if (rc == 0 || (rc == 1) != (stored == want)) abort();
+        for (int i = 0; i < stored; ++i)
+            if (fb[i] == nullptr || fa[i] - a != fb[i] - b || strcmp(fa[i], fb[i]) != 0) abort();
+        memcpy(a, data, n);
+        memcpy(b, data, n);
+    }
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     using namespace mg::pam;
     set_log_sink_for_tests([](int, const char *) {});
+    compare_splitters(data, size);
 
     // The first byte picks the remote host's form, so the '!' and pts/ paths
     // are reached as well as address matching.

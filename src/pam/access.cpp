@@ -258,7 +258,7 @@ int check_rule_line(PamRequest &request, char *line, int lineno) noexcept {
     char empty[6][1] = {};
     char *field[6];
     for (int i = 0; i < 6; ++i) field[i] = empty[i];
-    xparse_string(line, ':', field, 6);
+    split_fields(line, ':', field, 6);
 
     const char *permission = field[1];
     if (permission[0] == '\0') {

@@ -187,6 +187,11 @@ private:
     bool eof_ = false;
 };
 
+// Splits text in place at sep into at most n fields, as xparse_string does
+// (empty fields kept, the last field cut at the next separator), in one pass;
+// returns the number of fields stored.
+int split_fields(char *text, char sep, char **fields, int n) noexcept;
+
 // The significant text of one piece: nullptr for a line to skip (reported when
 // it lacks its newline, with `file` and `lineno` in the message); else the
 // line with trailing white space removed.

@@ -1,10 +1,11 @@
 // The line reader shared by the access rule files and the session rule files.
 #include "pam/pam_acl.hpp"
 
+#include "common/text.hpp"
+
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -71,6 +72,18 @@ bool LineReader::next(char (&line)[kLineBuffer]) noexcept {
     return used > 0;
 }
 
+int split_fields(char *text, char sep, char **fields, int n) noexcept {
+    int count = 0;
+    char *p = text;
+    while (count < n) {
+        fields[count++] = p;
+        while (*p != '\0' && *p != sep) ++p;
+        if (*p == '\0') break;
+        *p++ = '\0';
+    }
+    return count;
+}
+
 char *significant_line(char (&line)[kLineBuffer], const char *file, int lineno) noexcept {
     size_t len = strlen(line);
     if (len == 0 || line[len - 1] != '\n') {
@@ -78,7 +91,7 @@ char *significant_line(char (&line)[kLineBuffer], const char *file, int lineno) 
         return nullptr;
     }
     if (line[0] == '#') return nullptr;
-    while (len > 0 && isspace(static_cast<unsigned char>(line[len - 1]))) --len;
+    while (len > 0 && text::is_space(line[len - 1])) --len;
     line[len] = '\0';
     return len > 0 ? line : nullptr;
 }

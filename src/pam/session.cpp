@@ -146,7 +146,7 @@ int parse_session_info(SessionRule &rule, char *line, int lineno, const char *fi
     char empty[5][1] = {};
     char *field[5];
     for (int i = 0; i < 5; ++i) field[i] = empty[i];
-    xparse_string(line, ':', field, 5);
+    split_fields(line, ':', field, 5);
 
     if (field[1][0] == '\0') {
         _log_err(LOG_ERR, "%s: line %d: empty name field", file, lineno);
