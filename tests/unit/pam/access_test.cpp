@@ -147,53 +147,6 @@ TEST_F(RuleFiles, LinesWithoutNewlineAreSkippedAndCounted) {
               again.texts());
 }
 
-TEST_F(RuleFiles, LongLinesAroundTheBufferSize) {
-    for (size_t len = 510; len <= 520; ++len) {
-        std::string line = "x:-:sshd:*::";
-        line += std::string(len - line.size(), ' ');  // trailing blanks are trimmed
-        dir.write("user/alice", line + "\n");
-        // Up to 510 characters the line and its newline fit the 512-byte buffer.
-        EXPECT_EQ(len <= 510 ? 0 : 1, check_access_rules(req)) << len;
-    }
-}
-
-TEST_F(RuleFiles, NulByteHidesTheNewline) {
-    dir.write("user/alice", std::string("x:-:sshd\0junk:*::\n", 18));
-    EXPECT_EQ(1, check_access_rules(req));
-    EXPECT_EQ((std::vector<std::string>{dir.path("user/alice") + ": line 1: missing newline or line too long"}),
-              log.texts());
-}
-
-TEST_F(RuleFiles, LargeFileDecidesOnItsLastLine) {
-    std::string text;
-    for (int i = 0; i < 100000; ++i) text += "x:+:svc" + std::to_string(i) + ":*::\n";
-    dir.write("user/alice", text + "x:-:sshd:10.0.0.0/8::\n");
-    EXPECT_EQ(0, check_access_rules(req));
-}
-
-TEST_F(RuleFiles, DeletedFileNoLongerApplies) {
-    dir.write("user/alice", "x:-:sshd:*::\n");
-    EXPECT_EQ(0, check_access_rules(req));
-    ASSERT_EQ(0, unlink(dir.path("user/alice").c_str()));
-    EXPECT_EQ(1, check_access_rules(req));
-}
-
-TEST_F(RuleFiles, UnopenableFilesDeny) {
-    // "user" is a file, so the user's rule file cannot be opened (ENOTDIR).
-    ASSERT_EQ(0, rmdir(dir.path("user").c_str()));
-    dir.write("user", "");
-    EXPECT_EQ(0, check_access_rules(req));
-    EXPECT_EQ((std::vector<std::string>{"couldn't open access rule file for user 'alice'"}), log.texts());
-
-    LogCapture again;
-    ASSERT_EQ(0, unlink(dir.path("user").c_str()));
-    ASSERT_EQ(0, symlink("default.conf", dir.path("default.conf").c_str()));  // ELOOP
-    EXPECT_EQ(0, check_access_rules(req));
-    EXPECT_EQ('*', req.rule_kind);
-    EXPECT_STREQ("[internel system error]", req.rule_name);
-    EXPECT_EQ((std::vector<std::string>{"couldn't open default access rule file for user 'alice'"}), again.texts());
-}
-
 TEST_F(RuleFiles, ModeFile) {
     nPamacOpMode = nPamsmOpMode = 1;
     read_operation_modes();  // no file
