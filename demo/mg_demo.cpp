@@ -4,6 +4,7 @@
 // entries and what the kernel module was told.
 //
 // Usage: mg_demo POLICY_DIR   (as root; scripts/demo.sh builds and runs it)
+#include "faketime.hpp"
 #include "sandbox.hpp"
 
 #include "mgsim.h"
@@ -292,22 +293,9 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "mg_demo: run as root (it builds a private mount namespace)\n");
         return 1;
     }
-#ifdef MG_FAKETIME_LIB
-    // Time windows are shown at fixed times: the clock comes from libfaketime.
-    const char *preload = getenv("LD_PRELOAD");
-    if (preload == nullptr || std::strstr(preload, "faketime") == nullptr) {
-        setenv("LD_PRELOAD", MG_FAKETIME_LIB, 1);
-        setenv("FAKETIME", "+0", 1);
-        setenv("FAKETIME_NO_CACHE", "1", 1);
-        setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
-        // In a sanitizer build the runtime would otherwise insist on coming first.
-        std::string asan = "verify_asan_link_order=0";
-        if (const char *old = getenv("ASAN_OPTIONS"); old != nullptr && *old != '\0') asan += std::string(":") + old;
-        setenv("ASAN_OPTIONS", asan.c_str(), 1);
-        execv("/proc/self/exe", argv);
-        std::perror("re-executing with libfaketime");
-    }
-#endif
+    // Time windows are shown at fixed times: the clock comes from libfaketime
+    // (without it they are shown at the real time).
+    mgtest::reexec_with_faketime(argv);
     std::string policy = fs::absolute(argv[1]).lexically_normal().string();
     if (!fs::is_directory(policy)) {
         std::fprintf(stderr, "mg_demo: %s is no directory\n", policy.c_str());

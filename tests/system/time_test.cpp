@@ -1,6 +1,7 @@
 // Time windows of access rules, with the clock set by libfaketime. The
 // binary re-executes itself with libfaketime preloaded when it is not, so it
 // runs the same from ctest and by hand.
+#include "faketime.hpp"
 #include "system_common.hpp"
 
 #include <unistd.h>
@@ -11,25 +12,16 @@
 #include <cstring>
 #include <string>
 
-#ifndef MG_FAKETIME_LIB
-#error "the build must define MG_FAKETIME_LIB"
-#endif
-
 namespace mgsys {
 namespace {
 
 // Freezes the clock at a local (UTC in the sandbox) time.
 void clock_at(const char *when) { ASSERT_EQ(setenv("FAKETIME", when, 1), 0); }
 
-bool faked() {
-    const char *preload = getenv("LD_PRELOAD");
-    return preload != nullptr && std::strstr(preload, "faketime") != nullptr;
-}
-
 class TimeWindows : public ::testing::TestWithParam<Kernel> {};
 
 TEST_P(TimeWindows, HoursDaysMonthsAndWeekdays) {
-    ASSERT_TRUE(faked()) << "libfaketime is not preloaded";
+    ASSERT_TRUE(mgtest::faketime_loaded()) << "libfaketime is not preloaded";
     Kernel kernel = GetParam();
     in_world(kernel, [&](World &w) {
         w.modes("on", "on");
@@ -91,21 +83,7 @@ int main(int argc, char **argv) {
     // gtest's test listing (used by ctest discovery) needs no clock.
     bool listing = false;
     for (int i = 1; i < argc; ++i) listing |= std::strcmp(argv[i], "--gtest_list_tests") == 0;
-    if (!listing && !mgsys::faked()) {
-        std::string preload = MG_FAKETIME_LIB;
-        if (const char *old = getenv("LD_PRELOAD"); old != nullptr && *old != '\0') preload += std::string(":") + old;
-        setenv("LD_PRELOAD", preload.c_str(), 1);
-        setenv("FAKETIME", "+0", 1);
-        setenv("FAKETIME_NO_CACHE", "1", 1);
-        setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
-        // A sanitizer runtime must otherwise come first in the preload list.
-        std::string asan = "verify_asan_link_order=0";
-        if (const char *old = getenv("ASAN_OPTIONS"); old != nullptr && *old != '\0') asan += std::string(":") + old;
-        setenv("ASAN_OPTIONS", asan.c_str(), 1);
-        execv("/proc/self/exe", argv);
-        std::perror("re-executing with libfaketime");
-        return 1;
-    }
+    if (!listing && !mgtest::reexec_with_faketime(argv)) return 1;
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
