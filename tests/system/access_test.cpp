@@ -27,7 +27,14 @@ TEST_P(AccessControl, WithoutAnyRuleFileEveryoneIsAllowedAndAllowlogRecordsIt) {
         ASSERT_EQ(audit.size(), 1u);
         EXPECT_EQ(entry_text(audit[0], 0, 1), "User 'alice (from 10.0.0.5)' has allowed to connect to 'sshd' service.");
 
-        // Without "allowlog" nothing is recorded for an allowed access.
+        // Once given, "allowlog" stays on for the life of the process, even
+        // for a service whose line does not carry it.
+        w.service_file("sshd", "account required %M\n");
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.take_audit().size(), 1u);
+    });
+    // Without "allowlog" nothing is recorded for an allowed access.
+    in_world(kernel, [&](World &w) {
         w.service_file("sshd", "account required %M\n");
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
         EXPECT_TRUE(w.take_audit().empty());
@@ -74,16 +81,26 @@ TEST_P(AccessControl, EachModeDecidesAndRecordsAUserRuleDenial) {
         w.modes("Warn", "on");
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
         EXPECT_EQ(w.take_audit().size(), 2u);
-        // A missing key means "on"; an unknown word keeps the mode the freshly
-        // loaded module starts with, "warn".
+        // A missing key means "on"; an unknown word keeps the mode the process
+        // had: the module stays loaded between the transactions of a process.
         w.acl_file("pam_acl.conf", "LimitLoginSession warn\n");
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_PERM_DENIED);
         w.acl_file("pam_acl.conf", "ServiceAccessControl maybe\n");
+        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_PERM_DENIED);
+        auto audit = w.take_audit();
+        ASSERT_EQ(audit.size(), 2u);
+        EXPECT_EQ(audit[1].message, access_violation(kernel, "sshd", "alice", "10.0.0.5", "user alice", "Deny"));
+        EXPECT_EQ(w.take_module_syslog(), Lines{});
+    });
+    // In a process that has not read a mode yet, an unknown word leaves the
+    // initial mode, "warn".
+    in_world(kernel, [&](World &w) {
+        w.user_rules("alice", "x:-:sshd:*::\n");
+        w.acl_file("pam_acl.conf", "ServiceAccessControl maybe\n");
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
         auto audit = w.take_audit();
-        ASSERT_EQ(audit.size(), 3u);
-        EXPECT_EQ(audit[1].message, access_violation(kernel, "sshd", "alice", "10.0.0.5", "user alice", "Warning"));
-        EXPECT_EQ(w.take_module_syslog(), Lines{});
+        ASSERT_EQ(audit.size(), 2u);
+        EXPECT_EQ(audit[0].message, access_violation(kernel, "sshd", "alice", "10.0.0.5", "user alice", "Warning"));
     });
 }
 

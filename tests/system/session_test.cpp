@@ -50,7 +50,14 @@ TEST_P(Sessions, AnOpenedSessionIsAnnouncedInSyslogAndWithLogInTheSecureLog) {
             EXPECT_EQ(audit[0].message, opened_entry("alice", "localhost", "pts/3"));
         }
 
-        // Without "log", syslog only.
+        // Once given, "log" stays on for the life of the process.
+        w.service_file("sshd", "session required %M\n");
+        EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.take_audit().size(), 1u);
+    });
+    // Without "log", syslog only.
+    in_world(kernel, [&](World &w) {
+        w.modes("on", "on");
         w.service_file("sshd", "session required %M\n");
         EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
         EXPECT_EQ(w.take_module_syslog(), Lines{opened_line("alice", "10.0.0.5", 1)});
