@@ -1,5 +1,5 @@
 // The simulator's parsers: its binary state file, the failure-injection
-// specification and the call-log line. The first byte picks the parser; for
+// rules and the call-log line. The first byte picks the parser; for
 // the state file it also picks whether the rest is a whole file or a payload
 // that gets a valid frame (so that the fuzzer gets past the checksum).
 #include "mgsim.h"
@@ -26,9 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         default: {
             std::vector<mgsim::FailRule> rules;
-            if (mgsim::parse_fail_spec(rest, &rules)) {
+            if (mgsim::parse_fail_rules(rest, &rules)) {
                 std::vector<mgsim::FailRule> back;
-                if (!mgsim::parse_fail_spec(mgsim::format_fail_spec(rules), &back) || back.size() != rules.size())
+                if (!mgsim::parse_fail_rules(mgsim::format_fail_rules(rules), &back) || back.size() != rules.size())
                     abort();
             }
             std::string line(rest);

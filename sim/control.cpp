@@ -272,9 +272,9 @@ int mgsim_get_file_label(const char *path) noexcept {
     });
 }
 
-int mgsim_set_fail(const char *spec) noexcept {
+int mgsim_set_fail(const char *text) noexcept {
     std::vector<FailRule> rules;
-    if (spec && !parse_fail_spec(spec, &rules)) return invalid();
+    if (text && !parse_fail_rules(text, &rules)) return invalid();
     return modify([&](State &s) {
         s.fails = rules;
         return 0;
@@ -282,14 +282,14 @@ int mgsim_set_fail(const char *spec) noexcept {
 }
 
 int mgsim_get_fail(char *buf, size_t size) noexcept {
-    std::string spec;
+    std::string text;
     if (inspect([&](State &s) {
-            spec = format_fail_spec(s.fails);
+            text = format_fail_rules(s.fails);
             return 0;
         }) < 0)
         return -1;
-    if (buf && size > 0) snprintf(buf, size, "%s", spec.c_str());
-    return static_cast<int>(spec.size());
+    if (buf && size > 0) snprintf(buf, size, "%s", text.c_str());
+    return static_cast<int>(text.size());
 }
 
 int mgsim_set_log(const char *path) noexcept {

@@ -34,7 +34,7 @@ void header(FILE *out, const char *title, size_t n) { fprintf(out, "[%s] %zu\n",
 
 void dump_info(FILE *out, const State &s) {
     fprintf(out, "[module]\n  version=%s status=%d absent=%d\n  fail=%s\n  log=%s\n  conf=", s.version.c_str(),
-            s.status, s.absent, format_fail_spec(s.fails).c_str(), s.log_path.c_str());
+            s.status, s.absent, format_fail_rules(s.fails).c_str(), s.log_path.c_str());
     for (uint8_t b : s.conf) fprintf(out, " %u", b);
     fprintf(out, "\n");
 }

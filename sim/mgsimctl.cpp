@@ -19,7 +19,7 @@ const char *const kUsage =
     "  absent [on|off]                     print or set the absent setting\n"
     "  label PID [ROLE LEVEL CATEGORY]     print or set a process label\n"
     "  flabel PATH [KIND FLAG LEVEL CAT]   print or set a file label\n"
-    "  fail [SPEC|off]                     print or set failure injection (sub:errno[:times],...)\n"
+    "  fail [RULES|off]                     print or set failure injection (sub:errno[:times],...)\n"
     "  log [PATH|off]                      set the call log file\n"
     "  calls [LOGFILE]                     print the call log\n"
     "  dump [TABLE]                        print every table, or one\n"

@@ -141,13 +141,13 @@ void log_call(const State *state, int pid, long sub, const long *args, long resu
 
 bool env_failure(long sub, int *err) {
     // The parsed rules are kept with their counters until MGSIM_FAIL changes.
-    static std::string spec;
+    static std::string text;
     static std::vector<FailRule> rules;
     const char *env = getenv(kFailEnv);
     if (env == nullptr) env = "";
-    if (spec != env) {
-        spec = env;
-        if (!parse_fail_spec(spec, &rules)) {
+    if (text != env) {
+        text = env;
+        if (!parse_fail_rules(text, &rules)) {
             fprintf(stderr, "mgsim: ignoring malformed %s=\"%s\"\n", kFailEnv, env);
             rules.clear();
         }

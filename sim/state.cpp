@@ -337,12 +337,12 @@ std::string_view trim(std::string_view s) {
 
 }  // namespace
 
-bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out) {
+bool parse_fail_rules(std::string_view text, std::vector<FailRule> *out) {
     std::vector<FailRule> rules;
-    while (!trim(spec).empty()) {
-        size_t comma = spec.find(',');
-        std::string_view item = trim(spec.substr(0, comma));
-        spec = comma == std::string_view::npos ? std::string_view{} : spec.substr(comma + 1);
+    while (!trim(text).empty()) {
+        size_t comma = text.find(',');
+        std::string_view item = trim(text.substr(0, comma));
+        text = comma == std::string_view::npos ? std::string_view{} : text.substr(comma + 1);
         FailRule r{0, 0, -1};
         size_t c1 = item.find(':');
         if (c1 == std::string_view::npos) return false;
@@ -359,7 +359,7 @@ bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out) {
     return true;
 }
 
-std::string format_fail_spec(const std::vector<FailRule> &rules) {
+std::string format_fail_rules(const std::vector<FailRule> &rules) {
     std::string s;
     for (const FailRule &r : rules) {
         if (!s.empty()) s += ',';

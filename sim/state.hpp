@@ -120,8 +120,8 @@ bool decode(std::string_view bytes, State *out);
 std::string frame(std::string_view payload);
 
 // "sub:errno[:times],..." ; returns false on a malformed specification.
-bool parse_fail_spec(std::string_view spec, std::vector<FailRule> *out);
-std::string format_fail_spec(const std::vector<FailRule> &rules);
+bool parse_fail_rules(std::string_view text, std::vector<FailRule> *out);
+std::string format_fail_rules(const std::vector<FailRule> &rules);
 
 // A locked view of the state file for one call (or one batch). The state is
 // read on open and written back by commit() when `dirty` was set. Each
