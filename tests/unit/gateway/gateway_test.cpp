@@ -37,8 +37,6 @@ protected:
         ASSERT_EQ(0, mgsim_reset());
         ASSERT_EQ(0, mgsim_set_log(log_.c_str()));
         memset(g_buf, 0, sizeof g_buf);
-        memset(g_buf2, 0, sizeof g_buf2);
-        memset(g_buf3, 0, sizeof g_buf3);
         mgtest::write_file(path_, "x");
     }
     void TearDown() override { mgsim_use_state(nullptr); }
@@ -73,41 +71,24 @@ TEST_F(Gateway, EveryWrapperMakesItsCall) {
     const std::vector<Convention> table = {
         {"_start_module", [&] { return _start_module(&info); }, 0, a(&info), 0, 72, 0},
         {"_get_module_info", [&] { return _get_module_info(&info); }, 1, a(&info), 0, 72, 0},
-        {"_stop_module", [] { return _stop_module(); }, 2, 0, 0, 0, 0},
         {"_suspend_module", [] { return _suspend_module(); }, 3, 0, 0, 0, 0},
-        {"_sys_getconf_all", [] { return _sys_getconf_all(g_buf); }, 4, a(g_buf), 0, 22, 0},
         {"_sys_getconf_mode", [] { return _sys_getconf_mode(g_buf); }, 5, a(g_buf), 0, 4, 0},
-        {"_sys_getconf_opt", [] { return _sys_getconf_opt(g_buf); }, 6, a(g_buf), 0, 8, 0},
-        {"_sys_getconf_ips", [] { return _sys_getconf_ips(g_buf); }, 7, a(g_buf), 0, 8, 0},
         {"_sys_setconf_all", [] { return _sys_setconf_all(g_buf); }, 8, a(g_buf), 0, 22, 0},
-        {"_sys_setconf_mode", [] { return _sys_setconf_mode(g_buf); }, 9, a(g_buf), 0, 4, 0},
-        {"_sys_setconf_opt", [] { return _sys_setconf_opt(g_buf); }, 10, a(g_buf), 0, 8, 0},
         {"_sys_setconf_ips", [] { return _sys_setconf_ips(g_buf); }, 11, a(g_buf), 0, 8, 0},
         {"_sys_getmp", [] { return _sys_getmp(42); }, 12, kAny, 0, 16, 0},
         {"_sys_getmp2", [&] { return _sys_getmp2(&pl); }, 12, a(&pl), 0, 16, 0},
         {"_sys_setmp", [] { return _sys_setmp(42, 0); }, 13, kAny, 0, 16, 0},
-        {"_sys_setmp2", [&] { return _sys_setmp2(&pl); }, 13, a(&pl), 0, 16, 0},
         {"_sys_set_authproc", [] { return _sys_set_authproc(42, 0); }, 13, kAny, 0, 16, 1},
         {"_sys_setpid", [] { return _sys_setpid(55); }, 13, 0, 55, 0, 2},
-        {"_sys_getmu_num", [] { return _sys_getmu_num(); }, 14, 0, 0, 0, 0},
         {"_sys_getmu", [] { return _sys_getmu(g_buf, 500); }, 15, a(g_buf), 0, 500, 0},
         {"_sys_getmu_list", [] {
              int n = 3;  // a list read writes the count back
              return _sys_getmu_list(g_buf, &n);
          }, 16, a(g_buf), 0, 3, 0},
-        {"_sys_getmu_all", [] { return _sys_getmu_all(g_buf, 4); }, 16, a(g_buf), 0, 4, 0},
         {"_sys_setmu", [] { return _sys_setmu(g_buf, 2); }, 17, a(g_buf), 0, 2, 0},
-        {"_sys_getcat_num", [] { return _sys_getcat_num(); }, 18, 0, 0, 0, 0},
         {"_sys_getcat", [] { return _sys_getcat(g_buf, 2); }, 19, a(g_buf), 0, 2, 0},
-        {"_sys_getcat_list", [] {
-             int n = 3;
-             return _sys_getcat_list(g_buf, &n);
-         }, 20, a(g_buf), 0, 3, 0},
-        {"_sys_getcat_all", [] { return _sys_getcat_all(g_buf, 4); }, 20, a(g_buf), 0, 4, 0},
         {"_sys_setcat", [] { return _sys_setcat(g_buf, 2); }, 21, a(g_buf), 0, 2, 0},
         {"_sys_getmf", [&] { return _sys_getmf(path); }, 22, kAny, a(path), 28, 0},
-        {"_sys_getmf2", [&] { return _sys_getmf2(path, &fl); }, 22, a(&fl), a(path), 28, 0},
-        {"_sys_setmf", [&] { return _sys_setmf(path, 0); }, 23, kAny, a(path), 28, 0},
         {"_sys_setmf2", [&] { return _sys_setmf2(path, &fl); }, 23, a(&fl), a(path), 28, 0},
         {"_sys_get_kernlog", [] {
              int n = 100;
@@ -116,65 +97,31 @@ TEST_F(Gateway, EveryWrapperMakesItsCall) {
         {"_sys_setcmd", [] { return _sys_setcmd(g_buf, 3); }, 26, a(g_buf), 0, 3, 0},
         {"_sys_setsu", [] { return _sys_setsu(g_buf, 2); }, 28, a(g_buf), 0, 2, 0},
         {"_sys_add_file_acl", [] { return _sys_add_file_acl(g_buf, g_buf2); }, 29, a(g_buf), a(g_buf2), 0, 0},
-        {"_sys_mod_file_acl", [] { return _sys_mod_file_acl(g_buf, g_buf2); }, 30, a(g_buf), a(g_buf2), 0, 0},
         {"_sys_del_file_acl", [] { return _sys_del_file_acl(g_buf); }, 31, a(g_buf), 0, 0, 0},
-        {"_sys_file_acl_cnt", [] { return _sys_file_acl_cnt(); }, 32, 0, 0, 0, 0},
         {"_sys_get_all_facl_hdr", [] { return _sys_get_all_facl_hdr(g_buf, 5); }, 33, a(g_buf), 0, 5, 0},
-        {"_sys_get_facl_hdr", [] { return _sys_get_facl_hdr(g_buf); }, 34, a(g_buf), 0, 0, 0},
         {"_sys_get_file_acl", [] { return _sys_get_file_acl(g_buf, g_buf2); }, 35, a(g_buf), a(g_buf2), 0, 0},
-        {"_sys_clear_file_acl", [] { return _sys_clear_file_acl(); }, 36, 0, 0, 0, 0},
         {"_sys_set_fgroup", [] { return _sys_set_fgroup(g_buf, g_buf2, g_buf3); }, 37, a(g_buf), a(g_buf2), 0,
          a(g_buf3)},
         {"_sys_del_fgroup", [] { return _sys_del_fgroup(7); }, 38, 0, 0, 7, 0},
-        {"_sys_fgroup_cnt", [] { return _sys_fgroup_cnt(); }, 39, 0, 0, 0, 0},
-        {"_sys_get_all_fgroup_hdr", [] { return _sys_get_all_fgroup_hdr(g_buf, 5); }, 40, a(g_buf), 0, 5, 0},
-        {"_sys_get_fgroup_hdr", [] { return _sys_get_fgroup_hdr(g_buf); }, 41, a(g_buf), 0, 0, 0},
         {"_sys_get_fgroup_rule_member", [] { return _sys_get_fgroup_rule_member(g_buf, g_buf2, g_buf3); }, 42,
          a(g_buf), a(g_buf2), 0, a(g_buf3)},
-        {"_sys_clear_fgroup", [] { return _sys_clear_fgroup(); }, 43, 0, 0, 0, 0},
         {"_sys_add_kill_acl", [] { return _sys_add_kill_acl(g_buf); }, 44, a(g_buf), 0, 0, 0},
-        {"_sys_mod_kill_acl", [] { return _sys_mod_kill_acl(g_buf); }, 45, a(g_buf), 0, 0, 0},
-        {"_sys_del_kill_acl", [] { return _sys_del_kill_acl(g_buf); }, 46, a(g_buf), 0, 0, 0},
-        {"_sys_kill_acl_cnt", [] { return _sys_kill_acl_cnt(); }, 47, 0, 0, 0, 0},
-        {"_sys_get_all_kill_acl_hdr", [] { return _sys_get_all_kill_acl_hdr(g_buf, 5); }, 48, a(g_buf), 0, 5, 0},
-        {"_sys_clear_kill_acl", [] { return _sys_clear_kill_acl(); }, 49, 0, 0, 0, 0},
-        {"_sys_add_setuid_acl", [] { return _sys_add_setuid_acl(g_buf); }, 50, a(g_buf), 0, 0, 0},
-        {"_sys_mod_setuid_acl", [] { return _sys_mod_setuid_acl(g_buf); }, 51, a(g_buf), 0, 0, 0},
-        {"_sys_del_setuid_acl", [] { return _sys_del_setuid_acl(g_buf); }, 52, a(g_buf), 0, 0, 0},
-        {"_sys_setuid_acl_cnt", [] { return _sys_setuid_acl_cnt(); }, 53, 0, 0, 0, 0},
         {"_sys_get_all_setuid_acl_hdr", [] { return _sys_get_all_setuid_acl_hdr(g_buf, 5); }, 54, a(g_buf), 0, 5, 0},
-        {"_sys_clear_setuid_acl", [] { return _sys_clear_setuid_acl(); }, 55, 0, 0, 0, 0},
-        {"_sys_get_auto_dl_cnt", [] { return _sys_get_auto_dl_cnt(); }, 56, 0, 0, 0, 0},
-        {"_sys_get_auto_dl", [] { return _sys_get_auto_dl(g_buf, 5); }, 57, a(g_buf), 0, 5, 0},
         {"_sys_move_dl_to_actbl", [] { return _sys_move_dl_to_actbl(g_buf); }, 58, a(g_buf), 0, 0, 0},
         {"_sys_file_mls_cnt", [] { return _sys_file_mls_cnt(); }, 59, 0, 0, 1, 0},
         {"_sys_dir_mls_cnt", [] { return _sys_dir_mls_cnt(); }, 59, 0, 0, 2, 0},
-        {"_sys_get_file_mls", [] { return _sys_get_file_mls(g_buf, 5); }, 60, a(g_buf), 0, 5, 0},
         {"_sys_get_dir_mls", [] { return _sys_get_dir_mls(g_buf, 5); }, 61, a(g_buf), 0, 5, 0},
         {"_sys_getalcmd", [] { return _sys_getalcmd(g_buf); }, 62, a(g_buf), 0, 0, 0},
-        {"_sys_setalcmd", [] { return _sys_setalcmd(g_buf, 3); }, 63, a(g_buf), 0, 3, 0},
         {"_sys_add_ipaddr_to_table", [&] { return _sys_add_ipaddr_to_table(&origin); }, 64, a(&origin), 0, 0, 0},
         {"_sys_get_alsvc_cnt(0)", [] { return _sys_get_alsvc_cnt(0, 9); }, 65, 0, 0, 9, 0},
         {"_sys_get_alsvc_cnt(1)", [] { return _sys_get_alsvc_cnt(1, 9); }, 66, 0, 0, 9, 0},
         {"_sys_get_alsvc_cnt(2)", [] { return _sys_get_alsvc_cnt(2, 9); }, 82, 0, 0, 9, 0},
-        {"_sys_get_alsvc_rule(0)", [] { return _sys_get_alsvc_rule(0, 4, 2, g_buf); }, 67, a(g_buf), 4, 2, 0},
-        {"_sys_get_alsvc_rule(1)", [] { return _sys_get_alsvc_rule(1, 4, 2, g_buf); }, 68, a(g_buf), 4, 2, 0},
         {"_sys_get_alsvc_rule(2)", [] { return _sys_get_alsvc_rule(2, 4, 2, g_buf); }, 83, a(g_buf), 4, 2, 0},
-        {"_sys_set_alsvc_rule(0)", [&] { return _sys_set_alsvc_rule(0, hdr, g_buf2); }, 69, a(hdr), a(g_buf2), 0, 0},
         {"_sys_set_alsvc_rule(1)", [&] { return _sys_set_alsvc_rule(1, hdr, g_buf2); }, 70, a(hdr), a(g_buf2), 0, 0},
-        {"_sys_set_alsvc_rule(2)", [&] { return _sys_set_alsvc_rule(2, hdr, g_buf2); }, 84, a(hdr), a(g_buf2), 0, 0},
-        {"_sys_del_alsvc_rule(0)", [&] { return _sys_del_alsvc_rule(0, hdr); }, 71, a(hdr), 0, 0, 0},
-        {"_sys_del_alsvc_rule(1)", [&] { return _sys_del_alsvc_rule(1, hdr); }, 72, a(hdr), 0, 0, 0},
         {"_sys_del_alsvc_rule(2)", [&] { return _sys_del_alsvc_rule(2, hdr); }, 85, a(hdr), 0, 0, 0},
         {"_sys_del_alsvc_rule_all(0)", [] { return _sys_del_alsvc_rule_all(0); }, 73, 0, 0, 0, 0},
-        {"_sys_del_alsvc_rule_all(1)", [] { return _sys_del_alsvc_rule_all(1); }, 74, 0, 0, 0, 0},
-        {"_sys_del_alsvc_rule_all(2)", [] { return _sys_del_alsvc_rule_all(2); }, 86, 0, 0, 0, 0},
-        {"_sys_get_alsvc_hdr_cnt(0)", [] { return _sys_get_alsvc_hdr_cnt(0); }, 75, 0, 0, 0, 0},
-        {"_sys_get_alsvc_hdr_cnt(1)", [] { return _sys_get_alsvc_hdr_cnt(1); }, 76, 0, 0, 0, 0},
         {"_sys_get_alsvc_hdr_cnt(2)", [] { return _sys_get_alsvc_hdr_cnt(2); }, 87, 0, 0, 0, 0},
-        {"_sys_get_alsvc_hdr_all(0)", [] { return _sys_get_alsvc_hdr_all(0, 3, g_buf); }, 77, a(g_buf), 0, 3, 0},
         {"_sys_get_alsvc_hdr_all(1)", [] { return _sys_get_alsvc_hdr_all(1, 3, g_buf); }, 78, a(g_buf), 0, 3, 0},
-        {"_sys_get_alsvc_hdr_all(2)", [] { return _sys_get_alsvc_hdr_all(2, 3, g_buf); }, 88, a(g_buf), 0, 3, 0},
         {"_sys_proc_all_reset", [] { return _sys_proc_all_reset(); }, 79, 0, 0, 0, 0},
         {"_sys_get_seslog", [] { return _sys_get_seslog(g_buf, 10); }, 80, a(g_buf), 0, 10, 0},
         {"_sys_set_sesuser", [] { return _sys_set_sesuser(g_buf, 10); }, 81, a(g_buf), 0, 10, 0},
@@ -209,7 +156,7 @@ struct Refusal {
 };
 
 TEST_F(Gateway, ArgumentChecksComeBeforeTheKernel) {
-    int zero = 0, one = 1;
+    int zero = 0;
     MGProcLabel neg{0, {0, 0, 0}, 0, 0, -1};
     MGProcLabel role255{255, {0, 0, 0}, 0, 0, 1};
     MGProcLabel level_m1{0, {0, 0, 0}, -1, 0, 1};
@@ -218,73 +165,37 @@ TEST_F(Gateway, ArgumentChecksComeBeforeTheKernel) {
     const char *path = path_.c_str();
     int hdr_ok[10] = {1, 0}, hdr_neg_id[10] = {1, -1}, hdr_no_rules[10] = {0, 0};
     const std::vector<Refusal> table = {
-        {"_start_module", [] { return _start_module(nullptr); }, EINVAL},
         {"_get_module_info", [] { return _get_module_info(nullptr); }, EINVAL},
-        {"_sys_getconf_all", [] { return _sys_getconf_all(nullptr); }, EINVAL},
-        {"_sys_getconf_mode", [] { return _sys_getconf_mode(nullptr); }, EINVAL},
-        {"_sys_getconf_opt", [] { return _sys_getconf_opt(nullptr); }, EINVAL},
-        {"_sys_getconf_ips", [] { return _sys_getconf_ips(nullptr); }, EINVAL},
-        {"_sys_setconf_all", [] { return _sys_setconf_all(nullptr); }, EINVAL},
-        {"_sys_setconf_mode", [] { return _sys_setconf_mode(nullptr); }, EINVAL},
         {"_sys_setconf_opt", [] { return _sys_setconf_opt(nullptr); }, EINVAL},
-        {"_sys_setconf_ips", [] { return _sys_setconf_ips(nullptr); }, EINVAL},
         {"_sys_getmp(-1)", [] { return _sys_getmp(-1); }, ESRCH},
-        {"_sys_getmp2(null)", [] { return _sys_getmp2(nullptr); }, EINVAL},
         {"_sys_getmp2(pid -1)", [&] { return _sys_getmp2(&neg); }, EINVAL},
         {"_sys_setmp(-1)", [] { return _sys_setmp(-1, 0); }, EINVAL},
         {"_sys_setmp2(null)", [] { return _sys_setmp2(nullptr); }, EINVAL},
-        {"_sys_setmp2(pid -1)", [&] { return _sys_setmp2(&neg); }, EINVAL},
         {"_sys_setmp2(role 255)", [&] { return _sys_setmp2(&role255); }, EINVAL},
         {"_sys_setmp2(level -1)", [&] { return _sys_setmp2(&level_m1); }, EINVAL},
         {"_sys_setmp2(category -1)", [&] { return _sys_setmp2(&cat_m1); }, EINVAL},
-        {"_sys_set_authproc(-1)", [] { return _sys_set_authproc(-1, 0); }, EINVAL},
         {"_sys_setpid(-1)", [] { return _sys_setpid(-1); }, EINVAL},
-        {"_sys_getmu(null)", [] { return _sys_getmu(nullptr, 0); }, EINVAL},
-        {"_sys_getmu_list(null)", [&] { return _sys_getmu_list(nullptr, &one); }, EINVAL},
         {"_sys_getmu_list(n 0)", [&] { return _sys_getmu_list(g_buf, &zero); }, EINVAL},
         {"_sys_getmu_list(null count)", [] { return _sys_getmu_list(g_buf, nullptr); }, EINVAL},
         {"_sys_getmu_all(0)", [] { return _sys_getmu_all(g_buf, 0); }, EINVAL},
-        {"_sys_getmu_all(null)", [] { return _sys_getmu_all(nullptr, 1); }, EINVAL},
-        {"_sys_setmu(null)", [] { return _sys_setmu(nullptr, 1); }, EINVAL},
         {"_sys_setmu(0)", [] { return _sys_setmu(g_buf, 0); }, EINVAL},
-        {"_sys_getcat(null)", [] { return _sys_getcat(nullptr, 1); }, EINVAL},
         {"_sys_getcat(-1)", [] { return _sys_getcat(g_buf, -1); }, EINVAL},
-        {"_sys_getcat_list(n 0)", [&] { return _sys_getcat_list(g_buf, &zero); }, EINVAL},
-        {"_sys_getcat_all(0)", [] { return _sys_getcat_all(g_buf, 0); }, EINVAL},
-        {"_sys_setcat(0)", [] { return _sys_setcat(g_buf, 0); }, EINVAL},
-        {"_sys_setcat(null)", [] { return _sys_setcat(nullptr, 2); }, EINVAL},
-        {"_sys_getmf(null)", [] { return _sys_getmf(nullptr); }, EINVAL},
         {"_sys_getmf(empty)", [] { return _sys_getmf(""); }, EINVAL},
-        {"_sys_getmf2(null block)", [&] { return _sys_getmf2(path, nullptr); }, EINVAL},
         {"_sys_getmf2(null path)", [&] { return _sys_getmf2(nullptr, &fl); }, EINVAL},
-        {"_sys_getmf2(empty path)", [&] { return _sys_getmf2("", &fl); }, EINVAL},
         {"_sys_setmf2(null block)", [&] { return _sys_setmf2(path, nullptr); }, EINVAL},
         {"_sys_get_kernlog(len 0)", [&] { return _sys_get_kernlog(g_buf, &zero); }, EINVAL},
-        {"_sys_get_kernlog(null)", [&] { return _sys_get_kernlog(nullptr, &one); }, EINVAL},
         {"_sys_setcmd(null)", [] { return _sys_setcmd(nullptr, 1); }, -1},
         {"_sys_setsu(null)", [] { return _sys_setsu(nullptr, 1); }, -1},
-        {"_sys_getalcmd(null)", [] { return _sys_getalcmd(nullptr); }, EINVAL},
-        {"_sys_setalcmd(null)", [] { return _sys_setalcmd(nullptr, 1); }, EINVAL},
-        {"_sys_add_ipaddr_to_table(null)", [] { return _sys_add_ipaddr_to_table(nullptr); }, EINVAL},
         {"_sys_get_alsvc_cnt(3, 0)", [] { return _sys_get_alsvc_cnt(3, 0); }, EINVAL},
         {"_sys_get_alsvc_cnt(-1, 0)", [] { return _sys_get_alsvc_cnt(-1, 0); }, EINVAL},
         {"_sys_get_alsvc_cnt(0, -1)", [] { return _sys_get_alsvc_cnt(0, -1); }, EINVAL},
         {"_sys_get_alsvc_rule(index -1)", [] { return _sys_get_alsvc_rule(0, -1, 1, g_buf); }, EINVAL},
         {"_sys_get_alsvc_rule(count 0)", [] { return _sys_get_alsvc_rule(0, 0, 0, g_buf); }, EINVAL},
-        {"_sys_get_alsvc_rule(null)", [] { return _sys_get_alsvc_rule(0, 0, 1, nullptr); }, EINVAL},
-        {"_sys_get_alsvc_rule(table 3)", [] { return _sys_get_alsvc_rule(3, 0, 1, g_buf); }, EINVAL},
-        {"_sys_set_alsvc_rule(null hdr)", [] { return _sys_set_alsvc_rule(0, nullptr, g_buf); }, EINVAL},
         {"_sys_set_alsvc_rule(null rules)", [&] { return _sys_set_alsvc_rule(0, hdr_ok, nullptr); }, EINVAL},
         {"_sys_set_alsvc_rule(id -1)", [&] { return _sys_set_alsvc_rule(0, hdr_neg_id, g_buf); }, EINVAL},
         {"_sys_set_alsvc_rule(0 rules)", [&] { return _sys_set_alsvc_rule(0, hdr_no_rules, g_buf); }, EINVAL},
-        {"_sys_set_alsvc_rule(table 3)", [&] { return _sys_set_alsvc_rule(3, hdr_ok, g_buf); }, EINVAL},
-        {"_sys_del_alsvc_rule(null)", [] { return _sys_del_alsvc_rule(0, nullptr); }, EINVAL},
         {"_sys_del_alsvc_rule(id -1)", [&] { return _sys_del_alsvc_rule(1, hdr_neg_id); }, EINVAL},
-        {"_sys_del_alsvc_rule(table -1)", [&] { return _sys_del_alsvc_rule(-1, hdr_ok); }, EINVAL},
         {"_sys_del_alsvc_rule_all(3)", [] { return _sys_del_alsvc_rule_all(3); }, EINVAL},
-        {"_sys_get_alsvc_hdr_cnt(-1)", [] { return _sys_get_alsvc_hdr_cnt(-1); }, EINVAL},
-        {"_sys_get_alsvc_hdr_all(count 0)", [] { return _sys_get_alsvc_hdr_all(0, 0, g_buf); }, EINVAL},
-        {"_sys_get_alsvc_hdr_all(null)", [] { return _sys_get_alsvc_hdr_all(0, 1, nullptr); }, EINVAL},
         {"_sys_get_alsvc_hdr_all(table 5)", [] { return _sys_get_alsvc_hdr_all(5, 1, g_buf); }, EINVAL},
         {"_sys_get_seslog(len 0)", [] { return _sys_get_seslog(g_buf, 0); }, -1},
     };
@@ -295,8 +206,7 @@ TEST_F(Gateway, ArgumentChecksComeBeforeTheKernel) {
         EXPECT_EQ(r.err == -1 ? 4321 : r.err, errno);
     }
     EXPECT_EQ(0u, call_count());
-    EXPECT_EQ(1, one);  // the count arguments are left alone on refusal
-    EXPECT_EQ(0, zero);
+    EXPECT_EQ(0, zero);  // the count argument is left alone on refusal
 }
 
 TEST_F(Gateway, ProcessLabelsPackAndUnpack) {
@@ -304,15 +214,12 @@ TEST_F(Gateway, ProcessLabelsPackAndUnpack) {
     ASSERT_EQ(0, _sys_setmp(4100, 57472));
     int role, level, cat;
     EXPECT_EQ(57472, mgsim_get_proc_label(4100, &role, &level, &cat));
-    EXPECT_EQ(7, role);
-    EXPECT_EQ(1, level);
-    EXPECT_EQ(0, cat);
+    EXPECT_EQ((std::vector<int>{7, 1, 0}), (std::vector<int>{role, level, cat}));
     EXPECT_EQ(57472, _sys_getmp(4100));
 
     // Bits outside the three fields are dropped on the way in.
     ASSERT_EQ(0, _sys_setmp(4101, static_cast<int>(0xFFFF0000u) | MG_PLABEL(5, 3, 100)));
-    EXPECT_EQ(MG_PLABEL(5, 3, 100), _sys_getmp(4101));
-    EXPECT_EQ(41444, _sys_getmp(4101));
+    EXPECT_EQ(41444, _sys_getmp(4101));  // MG_PLABEL(5, 3, 100)
 
     ASSERT_EQ(0, _sys_set_authproc(4102, MG_PLABEL(2, 7, 127)));
     mgsim_proc procs[4];
@@ -320,9 +227,7 @@ TEST_F(Gateway, ProcessLabelsPackAndUnpack) {
     EXPECT_EQ(1, procs[2].auth);
     MGProcLabel b{0, {0, 0, 0}, 0, 0, 4102};
     ASSERT_EQ(0, _sys_getmp2(&b));
-    EXPECT_EQ(2, b.role);
-    EXPECT_EQ(7, b.level);
-    EXPECT_EQ(127, b.category);
+    EXPECT_EQ(MG_PLABEL(2, 7, 127), MG_PLABEL(b.role, b.level, b.category));
 
     // A kernel refusal comes back as -1 with the kernel's errno.
     ASSERT_EQ(0, mgsim_set_fail("12:13"));
@@ -333,15 +238,12 @@ TEST_F(Gateway, ProcessLabelsPackAndUnpack) {
 
 TEST_F(Gateway, FileLabelsPackAndUnpack) {
     ASSERT_EQ(0, mgsim_set_file_label(path_.c_str(), 2, 1, 5, 100));
-    EXPECT_EQ(36196, _sys_getmf(path_.c_str()));
-    EXPECT_EQ(MG_FLABEL(2, 1, 5, 100), _sys_getmf(path_.c_str()));
+    EXPECT_EQ(36196, _sys_getmf(path_.c_str()));  // MG_FLABEL(2, 1, 5, 100)
     ASSERT_EQ(0, _sys_setmf(path_.c_str(), MG_FLABEL(3, 0, 7, 1)));
     EXPECT_EQ(MG_FLABEL(3, 0, 7, 1), mgsim_get_file_label(path_.c_str()));
     MGFileLabel b{};
     ASSERT_EQ(0, _sys_getmf2(path_.c_str(), &b));
-    EXPECT_EQ(3, b.kind);
-    EXPECT_EQ(0, b.flag);
-    EXPECT_EQ(7, b.level);
+    EXPECT_EQ(MG_FLABEL(3, 0, 7, 1), MG_FLABEL(b.kind, b.flag, b.level, b.category));
     errno = 0;
     EXPECT_EQ(-1, _sys_getmf((dir_ / "missing").c_str()));
     EXPECT_EQ(ENOENT, errno);
@@ -392,13 +294,10 @@ TEST_F(Gateway, CommandListsTakeTheResultAsErrorNumber) {
 }
 
 TEST_F(Gateway, AbsentModuleFailsEveryCall) {
-    EXPECT_NE(-1, mg::kernel::presence_probe());
     EXPECT_TRUE(mg::kernel::module_present());
     ASSERT_EQ(0, mgsim_set_absent(1));
     EXPECT_EQ(-1, mg::kernel::presence_probe());
     EXPECT_FALSE(mg::kernel::module_present());
-    MGModuleInfo info{};
-    EXPECT_EQ(-1, _get_module_info(&info));
     EXPECT_EQ(-1, _sys_getmu_num());
     EXPECT_EQ(-1, _sys_getmp(1));
 }
