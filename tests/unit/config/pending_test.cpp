@@ -37,18 +37,12 @@ protected:
 };
 
 TEST_F(Pending, OnlyASuspendingVersionKeepsTheFilesSetting) {
-    for (const char *version : {"2.0.6", "1.2.10"}) {
-        ASSERT_EQ(0, mgsim_set_version(version));
-        EXPECT_EQ("YYNXX", read_pending({"Y", "y", "N", "X", "yes"})) << version;
-    }
-    for (const char *version : {"2.0.7", "2.0.4", "200"}) {
-        ASSERT_EQ(0, mgsim_set_version(version));
-        EXPECT_EQ("XX", read_pending({"Y", "N"})) << version;
-    }
+    // The version rule itself is CheckModuleType's, tested with the module control.
+    ASSERT_EQ(0, mgsim_set_version("1.2.10"));
+    EXPECT_EQ("YYNXX", read_pending({"Y", "y", "N", "X", "yes"}));
+    ASSERT_EQ(0, mgsim_set_version("2.0.7"));
+    EXPECT_EQ("XX", read_pending({"Y", "N"}));
     ASSERT_EQ(0, mgsim_set_version("2.0.8"));
-    ASSERT_EQ(0, mgsim_set_fail("1:5"));  // the information call fails
-    EXPECT_EQ("X", read_pending({"Y"}));
-    ASSERT_EQ(0, mgsim_set_fail(""));
     ASSERT_EQ(0, mgsim_set_absent(1));
     EXPECT_EQ("X", read_pending({"Y"}));
 }
