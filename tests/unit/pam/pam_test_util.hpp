@@ -14,7 +14,6 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace pamtest {
@@ -24,17 +23,15 @@ class LogCapture {
 public:
     LogCapture() {
         lines().clear();
-        mg::pam::set_log_sink_for_tests([](int prio, const char *text) { lines().emplace_back(prio, text); });
+        mg::pam::set_log_sink_for_tests([](int, const char *text) { lines().emplace_back(text); });
     }
     ~LogCapture() { mg::pam::set_log_sink_for_tests(nullptr); }
-    static std::vector<std::pair<int, std::string>> &lines() {
-        static std::vector<std::pair<int, std::string>> v;
+    const std::vector<std::string> &texts() const { return lines(); }
+
+private:
+    static std::vector<std::string> &lines() {
+        static std::vector<std::string> v;
         return v;
-    }
-    std::vector<std::string> texts() const {
-        std::vector<std::string> out;
-        for (const auto &l : lines()) out.push_back(l.second);
-        return out;
     }
 };
 

@@ -46,18 +46,24 @@ std::vector<std::string> entries(const std::string &path) {
     return names;
 }
 
+// What ReduceSecureLog should leave: the last keep bytes from their first
+// record boundary on.
+std::string newest_records(const std::string &text, size_t keep) {
+    const std::string tail = text.substr(text.size() - keep);
+    size_t newline = tail.find('\n');
+    return newline == std::string::npos ? "" : tail.substr(newline + 1);
+}
+
 TEST_F(Maintenance, SizeAddsThePresentGenerations) {
     mgtest::write_file(gen(1), std::string(100, 'a'));
     mgtest::write_file(gen(3), std::string(50, 'c'));
     EXPECT_EQ(150, GetSecureLogSize(dir.path().c_str(), 3));
     EXPECT_EQ(100, GetSecureLogSize(dir.path().c_str(), 2));
-
-    errno = 0;
-    EXPECT_EQ(-1, GetSecureLogSize(nullptr, 3));
-    EXPECT_EQ(22, errno);
-    errno = 0;
-    EXPECT_EQ(-1, GetSecureLogSize(dir.path().c_str(), 0));
-    EXPECT_EQ(22, errno);
+    for (auto [d, count] : {std::pair{static_cast<const char *>(nullptr), 3}, {dir.path().c_str(), 0}}) {
+        errno = 0;
+        EXPECT_EQ(-1, GetSecureLogSize(d, count));
+        EXPECT_EQ(22, errno);
+    }
     // A generation that cannot be examined (a file where the directory should be).
     mgtest::write_file(dir / "plain", "x");
     EXPECT_EQ(-1, GetSecureLogSize((dir / "plain").c_str(), 1));
@@ -66,30 +72,24 @@ TEST_F(Maintenance, SizeAddsThePresentGenerations) {
 
 TEST_F(Maintenance, ReduceKeepsTheNewestWholeRecords) {
     const std::string text = records(1000);
-    mgtest::write_file(gen(1), text);
-    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 1000, 50));
-    const std::string tail = text.substr(500);
-    EXPECT_EQ(tail.substr(tail.find('\n') + 1), mgtest::read_file(gen(1)));
-    EXPECT_EQ(0644u, mgtest::file_mode(gen(1)));
-    EXPECT_FALSE(mgtest::exists(gen(1) + ".tmp"));
-
-    // The keep size counts from `size`, not from the file's own size.
-    mgtest::write_file(gen(1), text);
-    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 400, 50));
-    const std::string last200 = text.substr(800);
-    EXPECT_EQ(last200.substr(last200.find('\n') + 1), mgtest::read_file(gen(1)));
-}
-
-TEST_F(Maintenance, ReduceEdgeCases) {
-    // keep = 10 * 5 / 100 = 0: the file is emptied.
-    mgtest::write_file(gen(1), records(300));
-    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 10, 5));
-    EXPECT_EQ("", mgtest::read_file(gen(1)));
-
-    // No newline among the kept bytes: nothing is kept.
-    mgtest::write_file(gen(1), "a\n" + std::string(200, 'b'));
-    ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), 100, 50));
-    EXPECT_EQ("", mgtest::read_file(gen(1)));
+    struct Case {
+        std::string before;
+        int size, percent;
+        std::string after;
+    };
+    const Case cases[] = {
+        {text, 1000, 50, newest_records(text, 500)},
+        {text, 400, 50, newest_records(text, 200)},  // the keep size counts from `size`
+        {records(300), 10, 5, ""},                   // keep 0: emptied
+        {"a\n" + std::string(200, 'b'), 100, 50, ""},  // no boundary among the kept bytes
+    };
+    for (const Case &c : cases) {
+        mgtest::write_file(gen(1), c.before);
+        ASSERT_EQ(0, ReduceSecureLog(gen(1).c_str(), c.size, c.percent));
+        EXPECT_EQ(c.after, mgtest::read_file(gen(1))) << c.size << " " << c.percent;
+        EXPECT_EQ(0644u, mgtest::file_mode(gen(1)));
+        EXPECT_FALSE(mgtest::exists(gen(1) + ".tmp"));
+    }
 
     // Not larger than the keep size: untouched (same file).
     mgtest::write_file(gen(1), records(50));
@@ -106,17 +106,18 @@ TEST_F(Maintenance, ReduceEdgeCases) {
     EXPECT_FALSE(mgtest::exists(gen(1) + ".tmp"));
     EXPECT_EQ(0, ReduceSecureLog(gen(2).c_str(), 100, 50));
     EXPECT_FALSE(mgtest::exists(gen(2)));
+}
 
+TEST_F(Maintenance, ReduceRefusalsAndFailures) {
     for (auto [size, percent] : {std::pair{0, 50}, {10, 0}, {10, 100}}) {
         errno = 0;
         EXPECT_EQ(-1, ReduceSecureLog(gen(1).c_str(), size, percent));
         EXPECT_EQ(22, errno);
     }
     EXPECT_EQ(-1, ReduceSecureLog(nullptr, 10, 50));
-}
 
-TEST_F(Maintenance, ReduceFailureLeavesTheFileAndNoWorkingFile) {
     // The file name is a directory: it can be examined and opened, not read.
+    // The failure leaves it and no working file.
     ASSERT_EQ(0, mkdir(gen(1).c_str(), 0700));
     struct stat st;
     ASSERT_EQ(0, stat(gen(1).c_str(), &st));
@@ -127,22 +128,18 @@ TEST_F(Maintenance, ReduceFailureLeavesTheFileAndNoWorkingFile) {
 }
 
 TEST_F(Maintenance, ClearRemovesGenerationsAndTreatsTheCurrentFile) {
-    auto fill = [&] {
+    const std::vector<std::string> kept{"mglog.01", "mglog.lock"};
+    for (int percent : {100, 50, 0}) {
         for (int n = 1; n <= 10; ++n) mgtest::write_file(gen(n), records(300));
-    };
-    fill();
-    ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 100));
-    EXPECT_EQ((std::vector<std::string>{"mglog.01", "mglog.lock"}), entries(dir.path()));
-    EXPECT_EQ(records(300), mgtest::read_file(gen(1)));
-
-    fill();
-    ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 50));
-    EXPECT_EQ((std::vector<std::string>{"mglog.01", "mglog.lock"}), entries(dir.path()));
-    EXPECT_LE(mgtest::read_file(gen(1)).size(), 50u);
-
-    fill();
-    ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 0));
-    EXPECT_EQ((std::vector<std::string>{"mglog.lock"}), entries(dir.path()));
+        ASSERT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, percent));
+        if (percent == 0) {
+            EXPECT_EQ((std::vector<std::string>{"mglog.lock"}), entries(dir.path()));
+            continue;
+        }
+        EXPECT_EQ(kept, entries(dir.path())) << percent;
+        if (percent == 100) EXPECT_EQ(records(300), mgtest::read_file(gen(1)));
+        else EXPECT_LE(mgtest::read_file(gen(1)).size(), 50u);
+    }
     // Nothing left to remove is fine.
     EXPECT_EQ(0, ClearSecureLog(dir.path().c_str(), 100, 0));
 }
@@ -240,27 +237,22 @@ TEST_F(Backup, FailedCopyRemovesTheWholeBackup) {
     EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), root.c_str(), 0));
 }
 
-// ---- Tool entry points --------------------------------------------------------
+// ---- Tool entry points (the record they write: syslog_test) ---------------
 
-class ToolEntry : public Maintenance {
-protected:
-    std::string root = dir / "root", log = dir / "log";
-    void SetUp() override {
-        reset_writer();
-        ASSERT_EQ(0, mkdir(root.c_str(), 0755));
-        ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
-        ASSERT_EQ(0, mkdir(log.c_str(), 0755));
-        mgtest::write_file(dir / "evmg", "MG_ROOT " + root + "/\n");
-        mg::paths::override_for_tests((dir / "evmg").c_str(), nullptr, nullptr);
-    }
-    void TearDown() override {
-        mg::paths::override_for_tests(nullptr, nullptr, nullptr);
-        reset_writer();
-    }
-    void options(const std::string &text) { mgtest::write_file(root + "/conf/mgopt.conf", text); }
-};
+TEST_F(Maintenance, ToolInitTakesTheOptionFileWithRotationOff) {
+    const std::string root = dir / "root", log = dir / "log", evmg = dir / "evmg";
+    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
+    auto options = [&](const std::string &text) { mgtest::write_file(root + "/conf/mgopt.conf", text); };
+    reset_writer();
+    mgtest::write_file(evmg, "MG_ROOT " + root + "/\n");
+    mg::paths::override_for_tests(evmg.c_str(), nullptr, nullptr);
 
-TEST_F(ToolEntry, InitTakesTheOptionFileWithRotationOff) {
+    EXPECT_EQ(-1, cmd_init_seclog());  // no option file yet
+    options("SecureLogDir relative\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    EXPECT_EQ(-1, cmd_init_seclog());
+    EXPECT_EQ(0, g_nInitSecureLog);
+
     options("SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\nModulePending N\n");
     ASSERT_EQ(0, cmd_init_seclog());
     EXPECT_EQ(1, g_nInitSecureLog);
@@ -270,24 +262,12 @@ TEST_F(ToolEntry, InitTakesTheOptionFileWithRotationOff) {
     EXPECT_EQ(7000000, mg::seclog::g_nMaxLogSize);
     EXPECT_EQ(4, mg::seclog::g_nMaxLogFileCount);
     EXPECT_EQ(0, mg::seclog::g_nMGLogRotate);
-}
 
-TEST_F(ToolEntry, InitFailsWithoutRootOrOptions) {
-    EXPECT_EQ(-1, cmd_init_seclog());  // no option file yet
-    options("SecureLogDir relative\nSecureLogSize 7\nSecureLogFileCount 4\n");
-    EXPECT_EQ(-1, cmd_init_seclog());
-    options("SecureLogDir " + log + "\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    reset_writer();
     mg::paths::override_for_tests((dir / "no-evmg").c_str(), nullptr, nullptr);
-    EXPECT_EQ(-1, cmd_init_seclog());
+    EXPECT_EQ(-1, cmd_init_seclog());  // no installation root
     EXPECT_EQ(0, g_nInitSecureLog);
-}
-
-TEST_F(ToolEntry, SaveRefusesLevelsOutsideOneToSix) {
-    options("SecureLogDir " + log + "\nSecureLogSize 7\nSecureLogFileCount 4\n");
-    ASSERT_EQ(0, cmd_init_seclog());
-    EXPECT_EQ(1, cmd_save_seclog(7, "tool", "x"));
-    EXPECT_EQ(1, cmd_save_seclog(0, "tool", "x"));
-    EXPECT_FALSE(mgtest::exists(log + "/mglog.01"));
+    mg::paths::override_for_tests(nullptr, nullptr, nullptr);
 }
 
 }  // namespace

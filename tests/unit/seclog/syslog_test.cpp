@@ -53,7 +53,7 @@ void expect_failure_record(const mgtest::SyslogMessage &m, const SecureLogRecord
 MG_SANDBOX_TEST(SecureLogSyslog, SyslogTargetSendsTheDisplayFormVerbatim) {
     reset_writer();
     ASSERT_EQ(0, InitSecureLog("MGLog", nullptr, 0, 0, 0));
-    // Conversion specifications in the text reach syslog as they are.
+    // Conversion directives in the text reach syslog as they are.
     SecureLogRecord rec = record("user %s%n%d at 100% denied");
     ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_SYSLOG, &rec));
     auto got = sb.wait_syslog(1);
@@ -87,33 +87,29 @@ MG_SANDBOX_TEST(SecureLogSyslog, AllTargetsAtOnce) {
     EXPECT_EQ(1u, lines_of(current).size());
 }
 
-MG_SANDBOX_TEST(SecureLogSyslog, OpenFailureReportsThenSendsTheRecord) {
-    reset_writer();
-    std::string current = generation(sb.scratch(), 1);
-    ASSERT_EQ(0, mkdir(current.c_str(), 0700));  // the name is taken by a directory
-    ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), 1000, 2, 1));
-    SecureLogRecord rec = record("open fails");
-    EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
-    auto got = sb.wait_syslog(2);
-    ASSERT_EQ(2u, got.size());
-    expect_failure_record(got[0], rec, "Failed to write SecureLog. [open fail - " + current + "]");
-    expect_from_writer(got[1]);
-    EXPECT_EQ(display(rec), got[1].text);
-}
-
-MG_SANDBOX_TEST(SecureLogSyslog, LockFailureReportsErrnoThenSendsTheRecord) {
-    reset_writer();
-    std::string current = generation(sb.scratch(), 1);
-    ASSERT_EQ(0, mkdir((sb.scratch() + "/mglog.lock").c_str(), 0700));
-    ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), 1000, 2, 1));
-    SecureLogRecord rec = record("lock fails");
-    EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
-    auto got = sb.wait_syslog(2);
-    ASSERT_EQ(2u, got.size());
-    expect_failure_record(got[0], rec,
-                          "Failed to write SecureLog. [lock fail - " + std::to_string(EISDIR) + "]");
-    EXPECT_EQ(display(rec), got[1].text);
-    EXPECT_FALSE(mgtest::exists(current));
+// The log file or the lock file cannot be opened (a directory has its name):
+// the failure is reported first, then the record goes to syslog.
+MG_SANDBOX_TEST(SecureLogSyslog, OpenAndLockFailuresReportThenSendTheRecord) {
+    const std::string current = generation(sb.scratch(), 1), lock = sb.scratch() + "/mglog.lock";
+    const std::pair<std::string, std::string> cases[] = {
+        {current, "Failed to write SecureLog. [open fail - " + current + "]"},
+        {lock, "Failed to write SecureLog. [lock fail - " + std::to_string(EISDIR) + "]"}};
+    for (const auto &[taken, failure] : cases) {
+        reset_writer();
+        unlink(lock.c_str());
+        ASSERT_EQ(0, mkdir(taken.c_str(), 0700));
+        ASSERT_EQ(0, InitSecureLog("MGLog", current.c_str(), 1000, 2, 1));
+        SecureLogRecord rec = record("cannot write");
+        EXPECT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+        auto got = sb.wait_syslog(2);
+        ASSERT_EQ(2u, got.size());
+        expect_failure_record(got[0], rec, failure);
+        expect_from_writer(got[1]);
+        EXPECT_EQ(display(rec), got[1].text);
+        ASSERT_EQ(0, rmdir(taken.c_str()));
+        sb.clear_syslog();
+        EXPECT_FALSE(mgtest::exists(current));
+    }
 }
 
 MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
@@ -128,6 +124,9 @@ MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
     ASSERT_EQ(0, mkdir(log.c_str(), 0700));
     ASSERT_EQ(0, cmd_init_seclog());
 
+    EXPECT_EQ(1, cmd_save_seclog(7, "tool", "x"));  // levels outside 1..6
+    EXPECT_EQ(1, cmd_save_seclog(0, "tool", "x"));
+    EXPECT_FALSE(mgtest::exists(log + "/mglog.01"));
     ASSERT_EQ(0, cmd_save_seclog(3, "a-very-long-program-name", "backup done"));
     std::vector<std::string> lines = lines_of(log + "/mglog.01");
     ASSERT_EQ(1u, lines.size());

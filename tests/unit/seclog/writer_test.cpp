@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 
 #include "seclog_test_util.hpp"
 #include "testsupport.hpp"
@@ -68,16 +69,16 @@ TEST_F(Writer, NothingIsWrittenBeforeInit) {
 }
 
 TEST_F(Writer, InitRefusesBadSettingsAndKeepsTheOldOnes) {
-    EXPECT_EQ(-1, InitSecureLog(nullptr, current.c_str(), 10, 5, 1));
-    EXPECT_EQ(-1, InitSecureLog("", current.c_str(), 10, 5, 1));
-    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog.01", 0, 5, 1));
-    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog.01", 10, 0, 1));
-    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog.01", 10, 5, 2));
-    // Names derived from the path: it must end in the generation number, and
-    // the lock file and every generation name must fit.
-    EXPECT_EQ(-1, InitSecureLog("MGLog", "/x/mglog", 10, 5, 1));
-    std::string long_path = "/" + std::string(1015, 'd') + "/mglog.01";
-    EXPECT_EQ(-1, InitSecureLog("MGLog", long_path.c_str(), 10, 5, 1));
+    // The path must end in the generation number, and the lock file and every
+    // generation name derived from it must fit.
+    const std::string long_path = "/" + std::string(1015, 'd') + "/mglog.01";
+    const std::tuple<const char *, const char *, int, int, int> refused[] = {
+        {nullptr, "/x/mglog.01", 10, 5, 1}, {"", "/x/mglog.01", 10, 5, 1},
+        {"MGLog", "/x/mglog.01", 0, 5, 1},  {"MGLog", "/x/mglog.01", 10, 0, 1},
+        {"MGLog", "/x/mglog.01", 10, 5, 2}, {"MGLog", "/x/mglog", 10, 5, 1},
+        {"MGLog", long_path.c_str(), 10, 5, 1}};
+    for (auto [ident, path, size, count, rotate] : refused)
+        EXPECT_EQ(-1, InitSecureLog(ident, path, size, count, rotate)) << path << " " << size;
     EXPECT_EQ(0, g_nInitSecureLog);
 
     init(10, 5, 1);
@@ -93,7 +94,9 @@ TEST_F(Writer, InitRefusesBadSettingsAndKeepsTheOldOnes) {
     EXPECT_EQ(1, mg::seclog::g_nMGLogRotate);
 }
 
-TEST_F(Writer, FileAndDisplayFormsCarryTheEightFields) {
+// The exact file line and the file modes are checked end to end by the system
+// tests; here: the stdout target, a negative field, and tLogged.
+TEST_F(Writer, DisplayAndFileFormsCarryTheSameEightFields) {
     init(100000, 3, 1);
     SecureLogRecord rec = record("user alice denied");
     rec.nFlag = -5;
@@ -104,19 +107,15 @@ TEST_F(Writer, FileAndDisplayFormsCarryTheEightFields) {
     std::vector<std::string> shown = split(out, '|');
     ASSERT_EQ(8u, shown.size()) << out;
     const std::string logged = shown[3];
-    time_t now = time(nullptr);
-    EXPECT_LE(std::abs(std::stol(logged) - now), 5);
+    EXPECT_LE(std::abs(std::stol(logged) - time(nullptr)), 5);
     EXPECT_EQ("7|-5|2|" + logged + "|1700000000|PAM-ACL|10.1.2.3|user alice denied\n", out);
     EXPECT_EQ("7\t-5\t2\t" + logged + "\t1700000000\tPAM-ACL\t10.1.2.3\tuser alice denied\n",
               mgtest::read_file(current));
-    EXPECT_EQ(0644u, mgtest::file_mode(current));
-    EXPECT_EQ(02600u, mgtest::file_mode(lock_file));
 
-    // Second record in the same process: tLogged is set in the caller's record.
+    // In this process: tLogged is set in the caller's record.
     SecureLogRecord again = record("again");
     ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &again));
-    EXPECT_LE(std::abs(again.tLogged - now), 5);
-    EXPECT_EQ(2u, lines_of(current).size());
+    EXPECT_LE(std::abs(again.tLogged - time(nullptr)), 5);
 }
 
 TEST_F(Writer, UnterminatedTextFieldsAreBoundedByTheirBuffers) {
@@ -209,16 +208,14 @@ TEST_F(Writer, LockOfAKilledHolderIsFree) {
     pid_t holder = fork();
     ASSERT_GE(holder, 0);
     if (holder == 0) {
-        close(ready[0]);
-        if (GetFileLock(lock_file.c_str()) < 0) _exit(1);
-        if (write(ready[1], "x", 1) != 1) _exit(1);
+        if (GetFileLock(lock_file.c_str()) < 0 || write(ready[1], "x", 1) != 1) _exit(1);
         pause();
         _exit(0);
     }
-    close(ready[1]);
     char c;
     ASSERT_EQ(1, read(ready[0], &c, 1));
     close(ready[0]);
+    close(ready[1]);
     // While the holder lives, a second process cannot take the lock...
     EXPECT_EQ(0, mgtest::run_in_child([&] {
         int fd = open(lock_file.c_str(), O_WRONLY);
@@ -229,8 +226,7 @@ TEST_F(Writer, LockOfAKilledHolderIsFree) {
     // ...and once it is killed the lock is there at the first try.
     EXPECT_EQ(0, mgtest::run_in_child([&] {
         alarm(10);
-        int fd = GetFileLock(lock_file.c_str());
-        return fd >= 0 ? 0 : 1;
+        return GetFileLock(lock_file.c_str()) >= 0 ? 0 : 1;
     }));
 }
 
