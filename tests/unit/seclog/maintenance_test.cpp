@@ -1,5 +1,5 @@
-// Secure log maintenance: size, dated backup, shrink, clear, and the two tool
-// entry points.
+// Secure log maintenance: size, dated backup, shrink and clear. The tool entry
+// points are in syslog_test (they need the sandbox's host address).
 #include <mossgrove/seclog.h>
 
 #include <dirent.h>
@@ -12,7 +12,6 @@
 #include <string>
 #include <tuple>
 
-#include "common/paths.hpp"
 #include "seclog_test_util.hpp"
 #include "testsupport.hpp"
 
@@ -235,39 +234,6 @@ TEST_F(Backup, FailedCopyRemovesTheWholeBackup) {
     EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), nullptr, 3));
     EXPECT_EQ(22, errno);
     EXPECT_EQ(-1, BackupSecureLog(dir.path().c_str(), root.c_str(), 0));
-}
-
-// ---- Tool entry points (the record they write: syslog_test) ---------------
-
-TEST_F(Maintenance, ToolInitTakesTheOptionFileWithRotationOff) {
-    const std::string root = dir / "root", log = dir / "log", evmg = dir / "evmg";
-    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
-    ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
-    auto options = [&](const std::string &text) { mgtest::write_file(root + "/conf/mgopt.conf", text); };
-    reset_writer();
-    mgtest::write_file(evmg, "MG_ROOT " + root + "/\n");
-    mg::paths::override_for_tests(evmg.c_str(), nullptr, nullptr);
-
-    EXPECT_EQ(-1, cmd_init_seclog());  // no option file yet
-    options("SecureLogDir relative\nSecureLogSize 7\nSecureLogFileCount 4\n");
-    EXPECT_EQ(-1, cmd_init_seclog());
-    EXPECT_EQ(0, g_nInitSecureLog);
-
-    options("SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\nModulePending N\n");
-    ASSERT_EQ(0, cmd_init_seclog());
-    EXPECT_EQ(1, g_nInitSecureLog);
-    EXPECT_STREQ("MGLog", mg::seclog::g_szIdent);
-    EXPECT_EQ(log + "/mglog.01", mg::seclog::g_szLogFilename);
-    EXPECT_EQ(log + "/mglog.lock", mg::seclog::g_szLockFilename);
-    EXPECT_EQ(7000000, mg::seclog::g_nMaxLogSize);
-    EXPECT_EQ(4, mg::seclog::g_nMaxLogFileCount);
-    EXPECT_EQ(0, mg::seclog::g_nMGLogRotate);
-
-    reset_writer();
-    mg::paths::override_for_tests((dir / "no-evmg").c_str(), nullptr, nullptr);
-    EXPECT_EQ(-1, cmd_init_seclog());  // no installation root
-    EXPECT_EQ(0, g_nInitSecureLog);
-    mg::paths::override_for_tests(nullptr, nullptr, nullptr);
 }
 
 }  // namespace

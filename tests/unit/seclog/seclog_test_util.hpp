@@ -11,7 +11,6 @@
 #include <cstring>
 #include <functional>
 #include <thread>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,11 +44,11 @@ inline SecureLogRecord record(const char *message, const char *program = "PAM-AC
 }
 
 inline std::vector<std::string> split(const std::string &text, char sep) {
-    std::vector<std::string> out;
-    std::string piece;
-    std::istringstream in(text);
-    while (std::getline(in, piece, sep)) out.push_back(piece);
-    if (!text.empty() && text.back() == sep) out.emplace_back();
+    std::vector<std::string> out{""};
+    for (char c : text) {
+        if (c == sep) out.emplace_back();
+        else out.back() += c;
+    }
     return out;
 }
 

@@ -112,17 +112,30 @@ MG_SANDBOX_TEST(SecureLogSyslog, OpenAndLockFailuresReportThenSendTheRecord) {
     }
 }
 
+// The tools set the writer up from the option file, with rotation off.
 MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
     reset_writer();
     const std::string root = sb.scratch() + "/root", log = sb.scratch() + "/log";
+    const std::string evmg = sb.scratch() + "/evmg", options = root + "/conf/mgopt.conf";
     ASSERT_EQ(0, mkdir(root.c_str(), 0755));
     ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
-    mgtest::write_file(root + "/conf/mgopt.conf",
-                       "SecureLogDir " + log + "/\nSecureLogSize 1\nSecureLogFileCount 2\n");
-    mgtest::write_file(sb.scratch() + "/evmg", "MG_ROOT=" + root + "/\n");
-    mg::paths::override_for_tests((sb.scratch() + "/evmg").c_str(), nullptr, nullptr);
+    mg::paths::override_for_tests(evmg.c_str(), nullptr, nullptr);
+    mgtest::write_file(options, "SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    EXPECT_EQ(-1, cmd_init_seclog());  // no installation root
+    mgtest::write_file(evmg, "MG_ROOT=" + root + "/\n");
+    ASSERT_EQ(0, unlink(options.c_str()));
+    EXPECT_EQ(-1, cmd_init_seclog());  // no option file
+    mgtest::write_file(options, "SecureLogDir relative\nSecureLogSize 7\nSecureLogFileCount 4\n");
+    EXPECT_EQ(-1, cmd_init_seclog());
+    EXPECT_EQ(0, g_nInitSecureLog);
+    mgtest::write_file(options, "SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\n");
     ASSERT_EQ(0, mkdir(log.c_str(), 0700));
     ASSERT_EQ(0, cmd_init_seclog());
+    EXPECT_STREQ("MGLog", mg::seclog::g_szIdent);
+    EXPECT_EQ(log + "/mglog.lock", mg::seclog::g_szLockFilename);
+    EXPECT_EQ(7000000, mg::seclog::g_nMaxLogSize);
+    EXPECT_EQ(4, mg::seclog::g_nMaxLogFileCount);
+    EXPECT_EQ(0, mg::seclog::g_nMGLogRotate);
 
     EXPECT_EQ(1, cmd_save_seclog(7, "tool", "x"));  // levels outside 1..6
     EXPECT_EQ(1, cmd_save_seclog(0, "tool", "x"));
