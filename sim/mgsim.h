@@ -105,7 +105,7 @@ MGSIM_API int mgsim_get_file_label(const char *path) MGSIM_NOEXCEPT;
  * calls of 64 with EPERM). NULL or "" clears. Sub-commands 26 and 28 answer
  * with the error number itself. */
 MGSIM_API int mgsim_set_fail(const char *text) MGSIM_NOEXCEPT;
-/* Writes the current specification into buf; returns its length. */
+/* Writes the current failure rules into buf; returns its length. */
 MGSIM_API int mgsim_get_fail(char *buf, size_t size) MGSIM_NOEXCEPT;
 /* Call log file kept in the state (MGSIM_LOG overrides it); NULL or "" turns it off. */
 MGSIM_API int mgsim_set_log(const char *path) MGSIM_NOEXCEPT;

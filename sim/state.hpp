@@ -119,7 +119,7 @@ bool decode(std::string_view bytes, State *out);
 // An image around a payload, with a valid header.
 std::string frame(std::string_view payload);
 
-// "sub:errno[:times],..." ; returns false on a malformed specification.
+// "sub:errno[:times],..." ; returns false on malformed rules.
 bool parse_fail_rules(std::string_view text, std::vector<FailRule> *out);
 std::string format_fail_rules(const std::vector<FailRule> &rules);
 

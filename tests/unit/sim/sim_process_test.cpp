@@ -90,7 +90,7 @@ TEST_F(Process, InjectedFailuresFromTheEnvironment) {
     mgsim::CmdRecord c = zeroed<mgsim::CmdRecord>();
     EXPECT_EQ(ok(10073), k(26, &c, 0, 1));
 
-    // A malformed specification is ignored (with a word on stderr).
+    // Malformed rules are ignored (with a word on stderr).
     setenv("MGSIM_FAIL", "12", 1);
     EXPECT_EQ(ok(), k(12, &b, 0, 16));
     unsetenv("MGSIM_FAIL");
@@ -98,9 +98,9 @@ TEST_F(Process, InjectedFailuresFromTheEnvironment) {
 
 TEST_F(Process, InjectedFailuresFromTheStateReachEveryProcess) {
     ASSERT_EQ(0, mgsim_set_fail("2:16:2,15:10012"));
-    char spec[64];
-    EXPECT_EQ(15, mgsim_get_fail(spec, sizeof spec));
-    EXPECT_STREQ("2:16:2,15:10012", spec);
+    char rules[64];
+    EXPECT_EQ(15, mgsim_get_fail(rules, sizeof rules));
+    EXPECT_STREQ("2:16:2,15:10012", rules);
     // The counted rule is shared: the child uses one failure, the parent the other.
     int status = mgtest::run_in_child([] {
         unsetenv("MGSIM_FAIL");
@@ -111,8 +111,8 @@ TEST_F(Process, InjectedFailuresFromTheStateReachEveryProcess) {
     EXPECT_EQ(ok(), k(2));
     mgsim::MuRecord u;
     EXPECT_EQ(err(10012), k(15, &u, 0, 0));
-    EXPECT_EQ(8, mgsim_get_fail(spec, sizeof spec));
-    EXPECT_STREQ("15:10012", spec);
+    EXPECT_EQ(8, mgsim_get_fail(rules, sizeof rules));
+    EXPECT_STREQ("15:10012", rules);
 
     // The environment wins over the state for the same sub-command.
     setenv("MGSIM_FAIL", "15:2", 1);
@@ -121,7 +121,7 @@ TEST_F(Process, InjectedFailuresFromTheStateReachEveryProcess) {
 
     for (const char *bad : {"15", "15:0", "x:1"}) EXPECT_EQ(-1, mgsim_set_fail(bad)) << bad;
     EXPECT_EQ(0, mgsim_set_fail(nullptr));
-    EXPECT_EQ(0, mgsim_get_fail(spec, sizeof spec));
+    EXPECT_EQ(0, mgsim_get_fail(rules, sizeof rules));
 }
 
 TEST_F(Process, CallLogRecordsEveryCallWhole) {
