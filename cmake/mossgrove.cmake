@@ -24,19 +24,23 @@ function(mg_unit_test name)
 endfunction()
 
 # mg_fuzz_target(NAME SOURCE file DEPENDS libs...): a libFuzzer entry point
-# (LLVMFuzzerTestOneInput) in fuzz/. Every build gets a replay binary that runs
-# the checked-in corpus fuzz/corpus/NAME as a ctest test; with MG_LIBFUZZER
-# (clang) a real fuzzer NAME_fuzzer is built as well.
+# (LLVMFuzzerTestOneInput) in fuzz/, with its checked-in corpus fuzz/corpus/NAME.
+# A GCC build gets a replay binary that runs the corpus as a ctest test; a
+# MG_LIBFUZZER (clang) build gets the real fuzzer NAME_fuzzer, whose ctest test
+# runs the same corpus through it (-runs=0: every input once, no mutation).
 function(mg_fuzz_target name)
   cmake_parse_arguments(ARG "" "SOURCE" "DEPENDS" ${ARGN})
-  add_executable(${name}_replay ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cpp)
-  target_link_libraries(${name}_replay PRIVATE ${ARG_DEPENDS})
-  add_test(NAME fuzz_replay_${name}
-           COMMAND ${name}_replay ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
-  set_tests_properties(fuzz_replay_${name} PROPERTIES LABELS fuzz)
+  set(corpus ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
   if(MG_LIBFUZZER)
     add_executable(${name}_fuzzer ${ARG_SOURCE})
     target_link_libraries(${name}_fuzzer PRIVATE ${ARG_DEPENDS})
     target_link_options(${name}_fuzzer PRIVATE -fsanitize=fuzzer)
+    add_test(NAME fuzz_run_${name} COMMAND ${name}_fuzzer -runs=0 ${corpus})
+    set_tests_properties(fuzz_run_${name} PROPERTIES LABELS fuzz)
+  else()
+    add_executable(${name}_replay ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cpp)
+    target_link_libraries(${name}_replay PRIVATE ${ARG_DEPENDS})
+    add_test(NAME fuzz_replay_${name} COMMAND ${name}_replay ${corpus})
+    set_tests_properties(fuzz_replay_${name} PROPERTIES LABELS fuzz)
   endif()
 endfunction()

@@ -1,19 +1,25 @@
 #!/bin/bash
 # Builds and runs the whole test suite twice: plain, then with
-# AddressSanitizer and UndefinedBehaviorSanitizer. Fails on any failure.
+# AddressSanitizer and UndefinedBehaviorSanitizer; then builds the libFuzzer
+# targets with clang and runs each one over its corpus. Fails on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 
 jobs=$(nproc)
 status=0
-for variant in plain asan; do
+for variant in plain asan fuzz; do
   dir=build/$variant
   opts=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
-  [ "$variant" = asan ] && opts+=(-DMG_SANITIZE=ON -DMG_BENCH=OFF)
+  compilers=()
+  case $variant in
+    asan) opts+=(-DMG_SANITIZE=ON -DMG_BENCH=OFF) ;;
+    fuzz) opts+=(-DMG_LIBFUZZER=ON); compilers=(CC=clang CXX=clang++) ;;
+  esac
   echo "=== $variant build"
   mkdir -p "$dir"
-  if ! { cmake -S . -B "$dir" "${opts[@]}" && cmake --build "$dir" -j "$jobs"; } >"$dir/build.log" 2>&1; then
+  if ! { env "${compilers[@]}" cmake -S . -B "$dir" "${opts[@]}" &&
+         cmake --build "$dir" -j "$jobs"; } >"$dir/build.log" 2>&1; then
     cat "$dir/build.log"
     echo "=== $variant build failed"
     exit 1
