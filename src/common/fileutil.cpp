@@ -104,8 +104,8 @@ int mg_copy_file(const char *src, const char *dst) noexcept {
     if (src == nullptr || dst == nullptr) return set_errno(EINVAL);
     mg::UniqueFd in(open(src, O_RDONLY | O_CLOEXEC));
     if (!in) return -1;
-    mg::UniqueFd out(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!out) return -1;
+    mg::UniqueFd out(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!out || fchmod(out.get(), 0644) != 0) return -1;
     struct stat st;
     const bool ok = fstat(in.get(), &st) == 0 && copy_bytes(in.get(), out.get(), st.st_size) &&
                     out.close() == 0;

@@ -89,10 +89,11 @@ bool copy_tail(int src, int dst, size_t keep) {
 
 // The working file holds the kept text, is on disk and has replaced file.
 bool shrink_into(const char *file, const char *tmp, size_t keep) {
-    int src = MG_open3(file, O_RDONLY | O_CLOEXEC, 0);
+    int src = MG_open3(file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0);
     if (src < 0) return false;
-    int dst = MG_open3(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_EXCL | O_CLOEXEC, 0644);
-    if (dst < 0) {
+    int dst = MG_open3(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLogMode);
+    if (dst < 0 || fchmod(dst, kLogMode) != 0) {
+        if (dst >= 0) close(dst);
         close(src);
         return false;
     }

@@ -1,6 +1,8 @@
 // Internal pieces of the secure log shared by the writer and its maintenance.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 
 namespace mg::seclog {
@@ -18,6 +20,13 @@ inline constexpr const char *kLogName = "mglog";
 inline constexpr const char *kLockName = "mglog.lock";
 inline constexpr int kMaxGenerations = 10;  // the largest count the option file allows
 inline constexpr size_t kLineMax = 2048;    // bound of the file and display forms
+inline constexpr mode_t kLogMode = 0644;    // every generation and backup copy
+inline constexpr mode_t kLockMode = 02600;  // the lock file
+
+// Opens a file of the log directory without following a symbolic link; a
+// missing file is created at exactly `mode`, whatever the umask. flags must
+// not hold O_CREAT. The descriptor, or -1 with errno.
+int open_log_file(const char *path, int flags, mode_t mode) noexcept;
 
 // How GetFileLock waits between two refused lock attempts. The writer never
 // sleeps for a time; spin retries at once, yield gives the processor to the

@@ -88,6 +88,27 @@ void generation_name(char (&out)[1024], int n) {
     snprintf(out, sizeof out, "%.*s%02d", static_cast<int>(base_length()), g_szLogFilename, n);
 }
 
+// A log directory that others could write lets them plant links or files in
+// place of the generations and the lock, so a root process writes only into a
+// directory that is owned by root and writable by no one else.
+bool log_dir_trusted() {
+    if (geteuid() != 0) return true;
+    char dir[sizeof g_szLogFilename];
+    const char *slash = strrchr(g_szLogFilename, '/');
+    if (slash == nullptr)
+        snprintf(dir, sizeof dir, ".");
+    else
+        snprintf(dir, sizeof dir, "%.*s", static_cast<int>(slash == g_szLogFilename ? 1 : slash - g_szLogFilename),
+                 g_szLogFilename);
+    struct stat st;
+    if (MG_stat(dir, &st) != 0) return false;
+    if (!S_ISDIR(st.st_mode) || st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        errno = EPERM;
+        return false;
+    }
+    return true;
+}
+
 bool ends_in_two_digits(const char *path, size_t len) {
     auto digit = [](char c) { return c >= '0' && c <= '9'; };
     return len >= 2 && digit(path[len - 2]) && digit(path[len - 1]);
@@ -98,13 +119,18 @@ bool ends_in_two_digits(const char *path, size_t len) {
 void append_record(SecureLogRecord *rec) {
     char line[kLineMax];
     size_t len = format_file_record(line, *rec);
+    if (!log_dir_trusted()) {
+        ErrorSaveSecureLog(1, rec);
+        syslog_display(*rec);
+        return;
+    }
     LogLock lock(g_szLockFilename);
     if (!lock.held()) {
         ErrorSaveSecureLog(2, rec);
         syslog_display(*rec);
         return;
     }
-    int fd = MG_open3(g_szLogFilename, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd = open_log_file(g_szLogFilename, O_WRONLY | O_APPEND, kLogMode);
     if (fd < 0) {
         ErrorSaveSecureLog(1, rec);
         syslog_display(*rec);
@@ -117,6 +143,27 @@ void append_record(SecureLogRecord *rec) {
     close(fd);
     if (end > static_cast<off_t>(g_nMaxLogSize) + kRotateSlack) RotateSecureLogFile();
 }
+
+}  // namespace
+
+int open_log_file(const char *path, int flags, mode_t mode) noexcept {
+    flags |= O_NOFOLLOW | O_CLOEXEC;
+    for (;;) {
+        int fd = MG_open3(path, flags, 0);
+        if (fd >= 0 || errno != ENOENT) return fd;
+        fd = MG_open3(path, flags | O_CREAT | O_EXCL, mode);
+        if (fd >= 0) {
+            if (fchmod(fd, mode) == 0) return fd;
+            int cause = errno;
+            close(fd);
+            errno = cause;
+            return -1;
+        }
+        if (errno != EEXIST) return -1;  // else another writer made it first
+    }
+}
+
+namespace {
 
 bool lock_blocking(int fd) {
     while (lockf(fd, F_LOCK, 1) != 0)
@@ -222,7 +269,7 @@ int ErrorSaveSecureLog(int kind, SecureLogRecord *rec) noexcept {
 }
 
 int RotateSecureLogFile(void) noexcept {
-    if (g_szLogFilename[0] == '\0') return 0;
+    if (g_szLogFilename[0] == '\0' || !log_dir_trusted()) return 0;
     char older[1024], newer[1024];
     generation_name(older, g_nMaxLogFileCount);
     if (g_nMGLogRotate == 0) {
@@ -238,7 +285,7 @@ int RotateSecureLogFile(void) noexcept {
         MG_rename(newer, older);
         memcpy(older, newer, sizeof older);
     }
-    int fd = MG_open3(g_szLogFilename, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    int fd = open_log_file(g_szLogFilename, O_WRONLY, kLogMode);
     if (fd >= 0) close(fd);
     return 0;
 }
@@ -247,7 +294,7 @@ int GetFileLock(const char *path) noexcept {
     if (path == nullptr) return -1;
     int fd;
     do {
-        fd = MG_open3(path, O_WRONLY | O_CREAT | O_CLOEXEC, 02600);
+        fd = open_log_file(path, O_WRONLY, kLockMode);
     } while (fd < 0 && errno == EAGAIN);
     if (fd < 0) return -1;
     // A freshly opened descriptor is at offset 0: the lock covers the first byte.

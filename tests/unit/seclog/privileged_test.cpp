@@ -43,8 +43,12 @@ MG_SANDBOX_TEST(SecureLogPrivileged, RefusedOpenIsRetriedAsSecurityOfficer) {
     ASSERT_EQ(0, mgsim_reset());
     ASSERT_EQ(0, mgsim_set_status(1));
     ASSERT_EQ(0, mgsim_set_log(calls.c_str()));
+    // root's own log directory, but a lock file root may not open without its
+    // capabilities.
     ASSERT_EQ(0, mkdir(logdir.c_str(), 0700));
-    ASSERT_EQ(0, chown(logdir.c_str(), 4242, 4242));
+    mgtest::write_file(logdir + "/mglog.lock", "");
+    ASSERT_EQ(0, chmod((logdir + "/mglog.lock").c_str(), 0600));
+    ASSERT_EQ(0, chown((logdir + "/mglog.lock").c_str(), 4242, 4242));
     drop_dac_override();
 
     reset_writer();

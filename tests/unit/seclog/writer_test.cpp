@@ -189,6 +189,47 @@ TEST_F(Writer, SingleGenerationIsRemovedAndRecreatedEmpty) {
     EXPECT_FALSE(mgtest::exists(generation(dir.path(), 2)));
 }
 
+// ---- A hostile log directory, the umask -------------------------------------
+
+TEST_F(Writer, PlantedLinksAndOpenDirectoriesAreNeverWrittenThrough) {
+    ASSERT_EQ(0u, geteuid()) << "the directory check applies to root";
+    mgtest::TempDir elsewhere;
+    const std::string victim = elsewhere / "victim";
+    mgtest::write_file(victim, "keep\n");
+    init(100000, 3, 1);
+    // A link in place of the current generation, then of the lock file.
+    for (const std::string &planted : {current, lock_file}) {
+        unlink(planted.c_str());
+        ASSERT_EQ(0, symlink(victim.c_str(), planted.c_str()));
+        save("through the link");
+        EXPECT_EQ("keep\n", mgtest::read_file(victim)) << planted;
+        ASSERT_EQ(0, unlink(planted.c_str()));
+    }
+    // A directory others could write is refused before anything is opened in it.
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
+    save("into an open directory");
+    EXPECT_FALSE(mgtest::exists(current));
+    EXPECT_FALSE(mgtest::exists(lock_file));
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
+}
+
+TEST_F(Writer, ModesAreExactUnderAnyUmask) {
+    umask(077);
+    init(10, 2, 1);
+    auto expect_mode = [](const std::string &path, mode_t mode) {
+        struct stat st;
+        ASSERT_EQ(0, stat(path.c_str(), &st)) << path;
+        EXPECT_EQ(mode, st.st_mode & 07777) << path;
+    };
+    save("creates the current file and the lock");
+    expect_mode(current, 0644);
+    expect_mode(lock_file, 02600);
+    ASSERT_EQ(0, unlink(current.c_str()));
+    fill_generations(1, 3000);
+    save("rotates: a fresh current file");
+    expect_mode(current, 0644);
+}
+
 // ---- The lock, between real processes ---------------------------------------
 
 TEST_F(Writer, WriterWaitsForTheLockHolder) {
