@@ -1,5 +1,7 @@
 #include "common/paths.hpp"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
 
@@ -16,7 +18,10 @@ std::string g_evmg, g_pam_acl_dir, g_utmpx;  // test overrides; empty = none
 
 const char *evmg() noexcept {
     if (!g_evmg.empty()) return g_evmg.c_str();
-    if (!g_pinned) {
+    // Only unprivileged callers may move the installation root: a root tool
+    // run with a kept environment (sudo, cron, a wrapper) must not be pointed
+    // at stores it would then upload to the kernel.
+    if (!g_pinned && getuid() != 0) {
         const char *env = secure_getenv(kEvmgEnv);
         if (env != nullptr && *env != '\0') return env;
     }

@@ -1,10 +1,10 @@
 // The fixed system paths of the library, read in this one place.
 //
-// Defaults are the real system paths. Administration tools (and their tests)
-// may name another "/etc/.evmg" through the environment variable
-// MOSSGROVE_EVMG; it is ignored in set-id programs and, once a PAM entry point
-// has run, for the rest of the process: login services never take a path from
-// the environment.
+// Defaults are the real system paths. Administration tools run by a user
+// other than root (and their tests) may name another "/etc/.evmg" through the
+// environment variable MOSSGROVE_EVMG; it is ignored when the real uid is 0,
+// in set-id programs and, once a PAM entry point has run, for the rest of the
+// process: login services never take a path from the environment.
 #pragma once
 
 namespace mg::paths {

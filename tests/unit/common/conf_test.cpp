@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -138,4 +141,16 @@ TEST_F(Conf, InstallationRoot) {
         EXPECT_EQ(errno, MG_ERR_NO_MGROOT) << bad;
     }
     EXPECT_EQ(get_mgroot(root, 0), -1);
+}
+
+TEST_F(Conf, OnlyAnUnprivilegedCallerMayNameAnotherRoot) {
+    ASSERT_EQ(getuid(), 0u);
+    const std::string evmg = dir_ / "evmg";
+    ASSERT_EQ(setenv(mg::paths::kEvmgEnv, evmg.c_str(), 1), 0);
+    EXPECT_STREQ(mg::paths::evmg(), "/etc/.evmg") << "root ignores the environment";
+    EXPECT_EQ(mgtest::run_in_child([&] {
+        if (setuid(65534) != 0) return 2;
+        return evmg == mg::paths::evmg() ? 0 : 1;
+    }), 0);
+    unsetenv(mg::paths::kEvmgEnv);
 }
