@@ -34,8 +34,10 @@ MG_STATIC_ASSERT(offsetof(SecureLogRecord, tEvent) == 16 &&
 /* 1 once InitSecureLog has succeeded. */
 MG_API extern int g_nInitSecureLog;
 
-/* path must end in a two-digit generation ("<dir>/mglog.01"); NULL or "" keeps
- * file records in syslog. 0 or -1. */
+/* Sets the writer up; may be called again, replacing the settings. path must
+ * end in a two-digit generation ("<dir>/mglog.01"). NULL or "" leaves the file
+ * settings as they are: before any file was set, file records go to syslog;
+ * after one was, that earlier file stays in use. 0 or -1. */
 MG_API int InitSecureLog(const char *ident, const char *path, int maxSize, int fileCount,
                          int rotate) MG_NOEXCEPT;
 MG_API int SaveSecureLog(int targets, SecureLogRecord *rec) MG_NOEXCEPT;

@@ -403,9 +403,12 @@ int log_acl_violation(int event, int result, const char *mode_word, const PamReq
             memcpy(&level, mu + kMuLevelOffset, sizeof level);
             memcpy(&cat_id, mu + kMuCategoryOffset, sizeof cat_id);
             unsigned char cat[kCatRecordSize] = {};
+            // A label is reported whole or not at all.
             if (_sys_getcat(cat, cat_id) >= 0)
                 bformat(category, sizeof category, "%.*s", static_cast<int>(kCatRecordSize - kCatNameOffset),
                          reinterpret_cast<const char *>(cat + kCatNameOffset));
+            else
+                level = 0;
         }
         switch (mu[kMuRoleOffset]) {
             case 1: role = "MU"; break;

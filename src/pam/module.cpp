@@ -426,9 +426,10 @@ extern "C" MG_API int pam_sm_open_session(pam_handle_t *pamh, int /*flags*/, int
     PamRequest request;
     fill_request(request, *pw, service, rhost, tty, ruser);
     if (normalize_remote_host(request) == 0) return refuse_ipv6(pamh, request);
-    if (request.rhost_addr == kNoAddr) {
-        in_addr_t addr = dot_quad_addr(request.rhost.get());
-        if (addr == kNoAddr) addr = convert_hostname(request.rhost.get());
+    // A host that only looks like a dotted quad ("10.0.0.01") is not looked
+    // up: its address stays unknown, so no address limit applies to it.
+    if (request.rhost_addr == kNoAddr && dot_quad_addr(request.rhost.get()) == kNoAddr) {
+        in_addr_t addr = convert_hostname(request.rhost.get());
         if (addr == kNoAddr) {
             if (nPamsmOpMode == kModeOff) return PAM_SUCCESS;
             char text[512];

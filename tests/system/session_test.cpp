@@ -179,6 +179,11 @@ TEST_P(Sessions, UserGroupDefaultAndAddressRulesApplyInOrder) {
         // Other addresses have no rule.
         EXPECT_EQ(w.open_session("carol", from("172.16.0.9")).rc, PAM_SUCCESS);
         w.clear_logs();
+        // Nor have hosts that only look like a dotted quad: their address stays unknown.
+        for (const char *quadlike : {"10.1.2.03", "0x0a.1.2.3", "10.1.2.3 x"}) {
+            EXPECT_EQ(w.open_session("carol", from(quadlike)).rc, PAM_SUCCESS) << quadlike;
+            w.clear_logs();
+        }
         // A single-address rule.
         w.acl_file("ip_session.conf", "x:192.168.1.1:1::\n");
         EXPECT_EQ(refused_by("alice", from("lab-host")),
