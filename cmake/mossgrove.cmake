@@ -3,6 +3,9 @@
 function(mg_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_library(${name}_obj OBJECT ${ARG_SOURCES})
+  # Library code needs no C++ runtime: no exceptions, no RTTI, no guarded statics.
+  target_compile_options(${name}_obj PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+                         -ffunction-sections -fdata-sections)
   target_include_directories(${name}_obj PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
   add_library(${name} STATIC $<TARGET_OBJECTS:${name}_obj>)
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)

@@ -6,11 +6,10 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include <new>
 
 #include "common/handles.hpp"
+#include "common/heap_array.hpp"
 #include "common/paths.hpp"
 #include "common/text.hpp"
 
@@ -25,21 +24,23 @@ constexpr size_t kConfValueSize = 1024;  // caller buffer of get_conf
 // Entries in file order. Keys and values live in one text block that is never
 // appended to once the table is installed, so value pointers stay put.
 struct ConfTable {
-    std::vector<std::pair<size_t, size_t>> entries;  // offsets of key and value
-    std::string text;
+    struct Entry {
+        size_t key, value;  // offsets into text
+    };
+    mg::HeapArray<Entry> entries;
+    mg::HeapArray<char> text;
 
-    void add(const char *key, const char *value) {
-        const size_t k = append(key, kMaxKey);
-        const size_t v = append(value != nullptr ? value : "", mg::text::kMaxToken);
-        entries.emplace_back(k, v);
+    // False when out of memory.
+    bool add(const char *key, const char *value) noexcept {
+        Entry e;
+        return append(key, kMaxKey, &e.key) &&
+               append(value != nullptr ? value : "", mg::text::kMaxToken, &e.value) && entries.push_back(e);
     }
 
 private:
-    size_t append(const char *s, size_t max) {
-        const size_t at = text.size();
-        text.append(s, strnlen(s, max));
-        text.push_back('\0');
-        return at;
+    bool append(const char *s, size_t max, size_t *at) noexcept {
+        *at = text.size();
+        return text.append(s, strnlen(s, max)) && text.push_back('\0');
     }
 };
 
@@ -76,31 +77,29 @@ int read_conf(const char *path) noexcept {
     if (path == nullptr) return 0;
     mg::UniqueFile file(fopen(path, "re"));
     if (!file) return 0;
-    try {
-        auto table = std::make_unique<ConfTable>();
-        long counted = 0;
-        const bool ok = each_significant_line(file.get(), [&](char *line) {
-            ++counted;
-            char *next = nullptr;
-            char *key = mg::text::scan_token(line, &next);
-            if (key == nullptr) return;
-            // A key that ends the line has no value (next stays null).
-            char *value = next != nullptr ? mg::text::scan_token(next, &next) : nullptr;
-            table->add(key, value);
-        });
-        if (!ok || counted == 0) return 0;
-        g_conf = table.release();
-        return 1;
-    } catch (...) {
-        return 0;  // out of memory
-    }
+    std::unique_ptr<ConfTable> table(new (std::nothrow) ConfTable);
+    if (!table) return 0;
+    long counted = 0;
+    bool stored = true;
+    const bool ok = each_significant_line(file.get(), [&](char *line) {
+        ++counted;
+        char *next = nullptr;
+        char *key = mg::text::scan_token(line, &next);
+        if (key == nullptr) return;
+        // A key that ends the line has no value (next stays null).
+        char *value = next != nullptr ? mg::text::scan_token(next, &next) : nullptr;
+        stored = table->add(key, value) && stored;
+    });
+    if (!ok || !stored || counted == 0) return 0;
+    g_conf = table.release();
+    return 1;
 }
 
 char *get_conf_ptr(const char *key) noexcept {
     ConfTable *table = g_conf;
     if (table == nullptr || key == nullptr) return nullptr;
-    for (const auto &[k, v] : table->entries)
-        if (strcasecmp(key, table->text.data() + k) == 0) return table->text.data() + v;
+    for (const auto &e : table->entries)
+        if (strcasecmp(key, table->text.data() + e.key) == 0) return table->text.data() + e.value;
     return nullptr;
 }
 

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "common/handles.hpp"
 #include "common/text.hpp"
@@ -19,18 +18,13 @@ namespace {
 constexpr size_t kParentBuf = 1024;
 constexpr size_t kCopyChunk = 16 * 1024;  // on the stack: login services may run on small stacks
 
-// dirname(3) of path, computed on a private copy; false when out of memory.
-bool dirname_of(const char *path, std::string &out) noexcept {
+// dirname(3) of path into out (cut to its size); false when out of memory.
+bool dirname_of(const char *path, char *out, size_t size) noexcept {
     char *copy = strdup(path);
     if (copy == nullptr) return false;
-    bool ok = true;
-    try {
-        out = dirname(copy);
-    } catch (...) {
-        ok = false;
-    }
+    mg::text::copy_cut(out, size, dirname(copy));
     free(copy);
-    return ok;
+    return true;
 }
 
 // mkdir, then chmod so that the mode is exact whatever the umask.
@@ -84,18 +78,16 @@ int isRegFile(const char *path) noexcept {
 
 char *mg_dirname(const char *path, char *dst, int size) noexcept {
     if (path == nullptr || dst == nullptr || size < 1) return nullptr;
-    std::string dir;
-    if (!dirname_of(path, dir)) return nullptr;
-    mg::text::copy_cut(dst, static_cast<size_t>(size), dir.c_str());
-    return dst;
+    return dirname_of(path, dst, static_cast<size_t>(size)) ? dst : nullptr;
 }
 
 int mg_mkdir(const char *path, mode_t mode) noexcept {
     if (path == nullptr) return set_errno(EINVAL);
     if (make_one(path, mode) == 0) return 0;
     if (errno != ENOENT) return -1;  // an existing directory fails with EEXIST
-    std::string parent;
-    if (!dirname_of(path, parent) || parent.size() >= kParentBuf || mg_mkdir(parent.c_str(), mode) != 0)
+    // One byte more than a parent may have: a parent that fills it was cut.
+    char parent[kParentBuf + 1];
+    if (!dirname_of(path, parent, sizeof parent) || strlen(parent) >= kParentBuf || mg_mkdir(parent, mode) != 0)
         return set_errno(ENOENT);
     return make_one(path, mode);
 }

@@ -3,7 +3,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <string>
+
+#include "common/text.hpp"
 
 namespace mg::paths {
 namespace {
@@ -12,12 +13,17 @@ constexpr const char *kEvmgDefault = "/etc/.evmg";
 constexpr const char *kPamAclDirDefault = "/etc/security/pam_acl_conf";
 
 bool g_pinned = false;
-std::string g_evmg, g_pam_acl_dir, g_utmpx;  // test overrides; empty = none
+constexpr size_t kPathBuf = 1024;
+char g_evmg[kPathBuf], g_pam_acl_dir[kPathBuf], g_utmpx[kPathBuf];  // test overrides; empty = none
+
+void set_override(char (&dst)[kPathBuf], const char *path) noexcept {
+    mg::text::copy_cut(dst, sizeof dst, path != nullptr ? path : "");
+}
 
 }  // namespace
 
 const char *evmg() noexcept {
-    if (!g_evmg.empty()) return g_evmg.c_str();
+    if (g_evmg[0] != '\0') return g_evmg;
     // Only unprivileged callers may move the installation root: a root tool
     // run with a kept environment (sudo, cron, a wrapper) must not be pointed
     // at stores it would then upload to the kernel.
@@ -29,21 +35,17 @@ const char *evmg() noexcept {
 }
 
 const char *pam_acl_dir() noexcept {
-    return g_pam_acl_dir.empty() ? kPamAclDirDefault : g_pam_acl_dir.c_str();
+    return g_pam_acl_dir[0] == '\0' ? kPamAclDirDefault : g_pam_acl_dir;
 }
 
-const char *utmpx() noexcept { return g_utmpx.empty() ? nullptr : g_utmpx.c_str(); }
+const char *utmpx() noexcept { return g_utmpx[0] == '\0' ? nullptr : g_utmpx; }
 
 void pin_system_defaults() noexcept { g_pinned = true; }
 
 void override_for_tests(const char *evmg, const char *pam_acl_dir, const char *utmpx) noexcept {
-    try {
-        g_evmg = evmg ? evmg : "";
-        g_pam_acl_dir = pam_acl_dir ? pam_acl_dir : "";
-        g_utmpx = utmpx ? utmpx : "";
-    } catch (...) {
-        // Test-only hook: an allocation failure leaves the defaults in force.
-    }
+    set_override(g_evmg, evmg);
+    set_override(g_pam_acl_dir, pam_acl_dir);
+    set_override(g_utmpx, utmpx);
 }
 
 }  // namespace mg::paths
