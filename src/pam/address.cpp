@@ -12,22 +12,51 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace mg::pam {
 
-in_addr_t get_local_ip(char *buffer, size_t size) noexcept {
+namespace {
+
+// This host's address, looked up once a minute at most: a login writes few
+// entries, but a host whose own name does not resolve must not pay a name
+// service query (and a DNS time-out) for each of them.
+constexpr time_t kLocalIpTtl = 60;
+
+struct LocalIp {
+    time_t looked_up = 0;  // 0: never
+    in_addr_t addr = kNoAddr;
+};
+LocalIp g_local_ip;
+
+in_addr_t look_up_local_ip() noexcept {
     char host[64] = {};
     if (gethostname(host, sizeof host - 1) != 0) return kNoAddr;
     const struct hostent *he = gethostbyname(host);
-    if (he == nullptr) return kNoAddr;
-    if (he->h_addr_list == nullptr || he->h_addr_list[0] == nullptr || he->h_length != 4) {
-        if (buffer != nullptr && size > 0) buffer[0] = '\0';
+    if (he == nullptr || he->h_addr_list == nullptr || he->h_addr_list[0] == nullptr || he->h_length != 4)
         return kNoAddr;
-    }
-    in_addr addr;
+    in_addr_t addr;
     memcpy(&addr, he->h_addr_list[0], sizeof addr);
-    if (buffer != nullptr && size > 0) bformat(buffer, size, "%s", inet_ntoa(addr));
-    return addr.s_addr;
+    return addr;
+}
+
+}  // namespace
+
+in_addr_t get_local_ip(char *buffer, size_t size) noexcept {
+    time_t now = time(nullptr);
+    if (g_local_ip.looked_up == 0 || now - g_local_ip.looked_up >= kLocalIpTtl || now < g_local_ip.looked_up) {
+        g_local_ip.addr = look_up_local_ip();
+        g_local_ip.looked_up = now;
+    }
+    if (buffer != nullptr && size > 0) {
+        buffer[0] = '\0';
+        if (g_local_ip.addr != kNoAddr) {
+            in_addr addr;
+            addr.s_addr = g_local_ip.addr;
+            bformat(buffer, size, "%s", inet_ntoa(addr));
+        }
+    }
+    return g_local_ip.addr;
 }
 
 int netmask_to_cidr(in_addr_t mask) noexcept {
