@@ -12,7 +12,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     using namespace mg::pam;
-    set_log_sink_for_tests([](int, const char *) {});
+    set_log_sink([](int, const char *) {});
 
     int fd = pamfuzz::memory_file(data, size);
     const in_addr_t address = inet_addr("10.1.2.3");

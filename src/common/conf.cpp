@@ -122,11 +122,15 @@ int close_conf(void) noexcept {
 
 int get_mgroot(char *buffer, int size) noexcept {
     if (buffer == nullptr || size < 1) return set_errno(EINVAL);
-    if (read_conf(mg::paths::evmg()) != 1) return set_errno(MG_ERR_NO_EVMG);
     char root[kConfValueSize];
-    const int found = get_conf("MG_ROOT", root);
-    close_conf();
-    if (found != 1) return set_errno(MG_ERR_NO_MGROOT);
+    if (const char *given = mg::paths::root_override()) {
+        mg::text::copy_cut(root, sizeof root, given);
+    } else {
+        if (read_conf(mg::paths::evmg()) != 1) return set_errno(MG_ERR_NO_EVMG);
+        const int found = get_conf("MG_ROOT", root);
+        close_conf();
+        if (found != 1) return set_errno(MG_ERR_NO_MGROOT);
+    }
     size_t len = strlen(root);
     if (len <= 1) return set_errno(MG_ERR_NO_MGROOT);
     if (root[len - 1] == '/') root[--len] = '\0';

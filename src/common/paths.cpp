@@ -14,7 +14,7 @@ constexpr const char *kPamAclDirDefault = "/etc/security/pam_acl_conf";
 
 bool g_pinned = false;
 constexpr size_t kPathBuf = 1024;
-char g_evmg[kPathBuf], g_pam_acl_dir[kPathBuf], g_utmpx[kPathBuf];  // test overrides; empty = none
+char g_evmg[kPathBuf], g_pam_acl_dir[kPathBuf], g_utmpx[kPathBuf], g_root[kPathBuf];  // overrides; empty = none
 
 void set_override(char (&dst)[kPathBuf], const char *path) noexcept {
     mg::text::copy_cut(dst, sizeof dst, path != nullptr ? path : "");
@@ -47,5 +47,9 @@ void override_for_tests(const char *evmg, const char *pam_acl_dir, const char *u
     set_override(g_pam_acl_dir, pam_acl_dir);
     set_override(g_utmpx, utmpx);
 }
+
+void override_root(const char *root) noexcept { set_override(g_root, root); }
+
+const char *root_override() noexcept { return g_root[0] != '\0' ? g_root : nullptr; }
 
 }  // namespace mg::paths

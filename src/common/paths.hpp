@@ -21,7 +21,13 @@ const char *utmpx() noexcept;
 // Called by the PAM entry points: the environment is ignored from now on.
 void pin_system_defaults() noexcept;
 
-// Test hook (not exported): replace any of the paths; nullptr keeps the default.
+// For tests and the administration tool (not exported): replace any of the
+// paths; nullptr keeps the default.
 void override_for_tests(const char *evmg, const char *pam_acl_dir, const char *utmpx) noexcept;
+// The installation root itself, instead of the one "/etc/.evmg" names
+// (the tool's --root); nullptr or "" ends the override.
+void override_root(const char *root) noexcept;
+// The overriding root, or nullptr.
+const char *root_override() noexcept;
 
 }  // namespace mg::paths

@@ -110,7 +110,16 @@ void set_rule_path(PamRequest &request, const char *a, const char *b) noexcept {
 
 // Opens the rule file named in the request: descriptor, or -1 with errno.
 int open_rule_file(const PamRequest &request) noexcept {
-    return open(request.rule_path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    int fd = open(request.rule_path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (g_decision_trace != nullptr && fd < 0) {
+        int cause = errno;
+        if (cause == ENOENT)
+            trace_step("%s: not present", request.rule_path);
+        else
+            trace_step("%s: cannot be opened (%s): denies", request.rule_path, strerror(cause));
+        errno = cause;
+    }
+    return fd;
 }
 
 void decided_by(PamRequest &request, int kind, const char *name) noexcept {
@@ -160,6 +169,7 @@ int check_group_rules(PamRequest &request) noexcept {
     char groups[1024];
     if (get_user_groups(request.account.gid, request.account.name, groups, sizeof groups) == 0)
         return 2;
+    trace_step("groups of '%s', primary first: %s", request.account.name, groups);
     int slot = get_tokslot();
     if (slot < 0) {
         decided_by(request, 'g', kInternalError);
@@ -276,7 +286,7 @@ int check_rule_line(PamRequest &request, char *line, int lineno) noexcept {
         return 2;
     if (field[5][0] != '\0') {
         if (!request.have_now) {
-            time_t t = time(nullptr);
+            time_t t = g_dry_run_now != 0 ? g_dry_run_now : time(nullptr);
             if (localtime_r(&t, &request.now) == nullptr) return 2;
             request.have_now = true;
         }
@@ -292,9 +302,16 @@ int scan_rule_file(PamRequest &request, int fd) noexcept {
     for (int lineno = 1; reader.next(line); ++lineno) {
         char *text = significant_line(line, request.rule_path, lineno);
         if (text == nullptr) continue;
+        char shown[kLineBuffer];
+        if (g_decision_trace != nullptr) bformat(shown, sizeof shown, "%s", text);
         int result = check_rule_line(request, text, lineno);
-        if (result != 2) return result;
+        if (result != 2) {
+            trace_step("%s:%d: decides: %s  [%s]", request.rule_path, lineno, result == 1 ? "allow" : "deny",
+                       shown);
+            return result;
+        }
     }
+    trace_step("%s: no line applies", request.rule_path);
     return 2;
 }
 

@@ -224,7 +224,25 @@ void copy_account(Account &account, const struct passwd &pw) noexcept {
     copy(account.shell, sizeof account.shell, pw.pw_shell);
 }
 
-void set_log_sink_for_tests(LogSink sink) noexcept { g_log_sink = sink; }
+void set_log_sink(LogSink sink) noexcept { g_log_sink = sink; }
+
+DecisionTrace g_decision_trace = nullptr;
+time_t g_dry_run_now = 0;
+
+void set_dry_run(DecisionTrace trace, time_t now) noexcept {
+    g_decision_trace = trace;
+    g_dry_run_now = trace != nullptr ? now : 0;
+}
+
+void trace_step(const char *format, ...) noexcept {
+    if (g_decision_trace == nullptr) return;
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    g_decision_trace(text);
+}
 
 void _log_err(int priority, const char *format, ...) noexcept {
     char text[8192];
@@ -301,6 +319,10 @@ int save_pam_log(int event, int result, const char *text) noexcept {
     if (get_local_ip(record.szAddress, sizeof record.szAddress) == kNoAddr)
         bformat(record.szAddress, sizeof record.szAddress, "%s", "127.0.0.1");
     bformat(record.szMessage, sizeof record.szMessage, "%s", text != nullptr ? text : "");
+    if (g_decision_trace != nullptr) {
+        trace_step("secure log entry (event 0x%x, result %d): %s", event, result, record.szMessage);
+        return 0;
+    }
 
     unsigned char role;
     if (!kernel::module_present() || !read_process_role(&role)) return SaveSecureLog(MG_SECLOG_SYSLOG, &record);
@@ -313,6 +335,10 @@ int save_pam_log(int event, int result, const char *text) noexcept {
 int register_login_origin(const PamRequest &request) noexcept {
     if (request.service.set() && strcmp(request.service.get(), "su") == 0) return 1;
     if (!kernel::module_present()) return 1;
+    if (g_decision_trace != nullptr) {
+        trace_step("the login's terminal and address would be registered with the kernel module");
+        return 1;
+    }
     if (request.tty.empty()) return 0;
 
     bool sshd = request.service.set() && strcmp(request.service.get(), "sshd") == 0;

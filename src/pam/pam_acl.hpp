@@ -123,9 +123,23 @@ int save_pam_log(int event, int result, const char *text) noexcept;
 int register_login_origin(const PamRequest &request) noexcept;
 int normalize_remote_host(PamRequest &request) noexcept;
 
-// Test hook: when set, _log_err hands its text here instead of syslog.
+// When set, _log_err hands its text here instead of syslog (tests, and the
+// administration tool's dry run, which prints it).
 using LogSink = void (*)(int priority, const char *text);
-void set_log_sink_for_tests(LogSink sink) noexcept;
+void set_log_sink(LogSink sink) noexcept;
+
+// Dry run: the administration tool runs the entry points with a trace set,
+// so that its explanation comes from the module's own code. The rule checks
+// then describe each step (each file consulted, the line that decided, the
+// sessions counted) in one line of text per step, and nothing is written or
+// registered: secure-log entries and the kernel registration are described
+// instead. `now`, when not 0, is the time the time fields are compared with.
+// The module itself never sets it.
+using DecisionTrace = void (*)(const char *step);
+void set_dry_run(DecisionTrace trace, time_t now) noexcept;
+void trace_step(const char *format, ...) noexcept __attribute__((format(printf, 1, 2)));
+extern DecisionTrace g_decision_trace;
+extern time_t g_dry_run_now;
 
 // ---- Address helpers (address.cpp) -----------------------------------------
 

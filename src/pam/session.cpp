@@ -127,6 +127,8 @@ int apply_user_limit(const PamRequest &request, SessionRule &rule, bool console_
     if (rule.max == -2) return 2;
     if (console_exempt && starts_with(request.tty.get(), "tty")) return 1;
     rule.current = count_user_sessions(request.account.name, request.tty.get(), rule.skip_console != 0);
+    trace_step("sessions of '%s' counted%s: %d, limit %d", request.account.name,
+               rule.skip_console != 0 ? " (console sessions skipped)" : "", rule.current, rule.max);
     return rule.current >= 0 && rule.current < rule.max ? 1 : 0;
 }
 
@@ -200,8 +202,11 @@ int scan_session_file(const char *name, in_addr_t address, SessionRule &rule, in
             default: break;  // the default file: the first rule line
         }
         rule = candidate;
+        trace_step("%s:%d: rule for '%s': max sessions %d%s", file, lineno, rule.name, rule.max,
+                   rule.max == -1 ? " (unlimited)" : rule.max == -2 ? " (look further)" : "");
         return 1;
     }
+    trace_step("%s: no rule applies", file);
     rule.max = -1;
     return 0;
 }
@@ -212,6 +217,7 @@ int read_session_info(const char *name, in_addr_t address, SessionRule &rule) no
     int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
         if (errno == ENOENT) {
+            trace_step("%s: not present", path);
             rule.max = -1;
             return 0;
         }
@@ -300,6 +306,7 @@ int check_ip_session(PamRequest &request, SessionRule &rule) noexcept {
     if (rule.max == -1) return 1;
     if (rule.max == -2) return 2;
     rule.current = count_address_sessions(rule.low, rule.high, request.tty.get());
+    trace_step("sessions from '%s' counted: %d, limit %d", rule.name, rule.current, rule.max);
     return rule.current < rule.max ? 1 : 0;
 }
 

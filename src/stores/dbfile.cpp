@@ -8,6 +8,7 @@
 #include <mossgrove/common.h>
 #include <mossgrove/stores.h>
 #include "common/paths.hpp"
+#include "common/text.hpp"
 #include "stores/dbfile.hpp"
 
 #include <fcntl.h>
@@ -95,6 +96,10 @@ int read_all(int fd, void *buf, size_t len) noexcept {
 // Reads the key MG_ROOT of the file that names the installation root into
 // mg_root. 1 on success; 0 when the file cannot be read; -1 when MG_ROOT is missing.
 int load_root() noexcept {
+    if (const char *given = mg::paths::root_override()) {
+        mg::text::copy_cut(mg_root, sizeof mg_root, given);
+        return 1;
+    }
     if (read_conf(mg::paths::evmg()) != 1) return 0;
     char value[1024];
     int found = get_conf("MG_ROOT", value);

@@ -23,9 +23,9 @@ class LogCapture {
 public:
     LogCapture() {
         lines().clear();
-        mg::pam::set_log_sink_for_tests([](int, const char *text) { lines().emplace_back(text); });
+        mg::pam::set_log_sink([](int, const char *text) { lines().emplace_back(text); });
     }
-    ~LogCapture() { mg::pam::set_log_sink_for_tests(nullptr); }
+    ~LogCapture() { mg::pam::set_log_sink(nullptr); }
     const std::vector<std::string> &texts() const { return lines(); }
 
 private:

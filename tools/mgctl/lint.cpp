@@ -1,0 +1,188 @@
+// mgctl lint: checks the installation's configuration and rule files and
+// prints compiler-style lines "FILE:LINE: error|warning: message". Lines are
+// read with the PAM module's own reader, so line numbers and skipped lines
+// are those of the module's own messages.
+#include "mgctl/mgctl.hpp"
+
+#include <mossgrove/common.h>
+#include <mossgrove/config.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/paths.hpp"
+#include "common/text.hpp"
+#include "pam/pam_acl.hpp"
+
+namespace mgctl {
+namespace {
+
+struct Report {
+    int errors = 0, warnings = 0;
+    void error(const std::string &file, int line, const std::string &text) {
+        std::printf("%s:%d: error: %s\n", file.c_str(), line, text.c_str());
+        ++errors;
+    }
+    void warning(const std::string &file, int line, const std::string &text) {
+        std::printf("%s:%d: warning: %s\n", file.c_str(), line, text.c_str());
+        ++warnings;
+    }
+};
+
+// The module's messages about the line being read, kept while a file is checked.
+std::string g_module_message;
+
+// Calls fn(lineno, text) for every line the module would examine; reports the
+// lines it skips. False when the file is absent.
+template <class Fn>
+bool each_rule_line(Report &report, const std::string &path, Fn fn) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno != ENOENT) report.error(path, 0, std::string("cannot be read (") + strerror(errno) + "): denies");
+        return false;
+    }
+    mg::pam::LineReader reader(fd);
+    char line[mg::pam::kLineBuffer];
+    for (int lineno = 1; reader.next(line); ++lineno) {
+        g_module_message.clear();
+        char *text = mg::pam::significant_line(line, path.c_str(), lineno);
+        if (!g_module_message.empty())
+            report.error(path, lineno, "skipped by the module: no newline, or longer than 510 characters");
+        if (text != nullptr) fn(lineno, text);
+    }
+    return true;
+}
+
+int count(const char *text, char c) {
+    int n = 0;
+    for (; *text != '\0'; ++text) n += *text == c;
+    return n;
+}
+
+void check_hosts(Report &report, const std::string &path, int lineno, const std::string &field) {
+    if (field.empty() || field[0] == '*' || field[0] == '!') return;
+    size_t start = 0;
+    while (start <= field.size()) {
+        size_t comma = field.find(',', start);
+        std::string entry = field.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        std::vector<char> copy(entry.begin(), entry.end());
+        copy.push_back('\0');
+        uint32_t range[2];
+        bool address = mg::pam::dot_quad_addr(copy.data()) != mg::pam::kNoAddr ||
+                       (entry.find('/') != std::string::npos && mg::pam::split_ip_subnet(range, copy.data()) != 0);
+        if (!address) {
+            report.warning(path, lineno,
+                           "host list entry '" + entry + "' is no address or range: the list ends there" +
+                               (comma != std::string::npos ? " (the entries after it are never reached)" : ""));
+            return;
+        }
+        if (comma == std::string::npos) return;
+        start = comma + 1;
+    }
+}
+
+void check_time(Report &report, const std::string &path, int lineno, const char *field) {
+    if (field[0] == '\0') return;
+    if (count(field, ' ') <= 2) {
+        report.warning(path, lineno, "time field needs hours, days, months and weekdays: the line never applies");
+        return;
+    }
+    int hours_low = 0, hours_high = 0;
+    if (std::sscanf(field, "%d-%d", &hours_low, &hours_high) == 1 || (field[0] != '*' && std::strchr(field, '-') == nullptr))
+        report.warning(path, lineno, "a single hour never matches (the end hour of a range is excluded)");
+}
+
+void lint_access_file(Report &report, const std::string &path) {
+    each_rule_line(report, path, [&](int lineno, char *text) {
+        char empty[6][1] = {};
+        char *field[6];
+        for (int i = 0; i < 6; ++i) field[i] = empty[i];
+        int n = mg::pam::split_fields(text, ':', field, 6);
+        if (field[1][0] == '\0')
+            report.error(path, lineno, "empty permission field: the module denies here");
+        else if (field[1][0] != '+' && field[1][0] != '-')
+            report.error(path, lineno, std::string("bad permission field '") + field[1] + "': the module denies here");
+        if (n < 6) report.warning(path, lineno, "fewer than six fields: the missing ones match anything");
+        check_hosts(report, path, lineno, field[3]);
+        check_time(report, path, lineno, field[5]);
+    });
+}
+
+void lint_session_file(Report &report, const std::string &path) {
+    each_rule_line(report, path, [&](int lineno, char *text) {
+        mg::pam::SessionRule rule;
+        if (mg::pam::parse_session_info(rule, text, lineno, path.c_str()) < 0)
+            report.error(path, lineno,
+                         "empty name or a non-numeric field: the module refuses every session that reads this line");
+    });
+}
+
+void lint_modes(Report &report, const std::string &path) {
+    each_rule_line(report, path, [&](int lineno, char *text) {
+        // Split as the configuration reader splits: "key value" or "key=value".
+        char *next = nullptr;
+        const char *key = mg::text::scan_token(text, &next);
+        if (key == nullptr) return;
+        const char *value = next != nullptr ? mg::text::scan_token(next, &next) : nullptr;
+        if (value == nullptr) value = "";
+        if (strcasecmp(key, "ServiceAccessControl") != 0 && strcasecmp(key, "LimitLoginSession") != 0)
+            report.warning(path, lineno, std::string("unknown key '") + key + "'");
+        else if (mg::pam::lookup_mode(value) < 0)
+            report.error(path, lineno, std::string("unknown mode '") + value +
+                                           "': the mode stays as it was (on, in a fresh login process)");
+    });
+}
+
+std::vector<std::string> files_in(const std::string &dir) {
+    std::vector<std::string> out;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (const dirent *e = readdir(d))
+            if (e->d_name[0] != '.') out.push_back(dir + "/" + e->d_name);
+        closedir(d);
+    }
+    return out;
+}
+
+void lint_options(Report &report) {
+    char root[1024];
+    if (get_mgroot(root, sizeof root) != 0) {
+        report.warning(mg::paths::evmg(), 0, "no installation root: mgopt.conf not checked");
+        return;
+    }
+    const std::string path = std::string(root) + "/conf/mgopt.conf";
+    MGOptionBuf opt;
+    if (ReadMGOptionConfig(path.c_str(), &opt) != 0) {
+        report.error(path, 0, "cannot be read as an option file: the secure log goes to syslog");
+        return;
+    }
+    if (CheckMGOptionConfig(&opt) != 0) report.error(path, 0, "a value is out of range");
+}
+
+}  // namespace
+
+int cmd_lint(const Args &args) {
+    if (!args.ok()) return usage_error(args.error());
+    if (!args.positional().empty()) return usage_error("lint takes no arguments");
+    mg::pam::set_log_sink([](int, const char *text) { g_module_message = text; });
+    Report report;
+    const std::string dir = mg::paths::pam_acl_dir();
+    lint_modes(report, dir + "/" + mg::pam::kConfFile);
+    for (const char *kind : {"user", "group"})
+        for (const auto &file : files_in(dir + "/" + kind)) lint_access_file(report, file);
+    lint_access_file(report, dir + "/default.conf");
+    for (const char *f : {"user_session.conf", "group_session.conf", "ip_session.conf", "default_session.conf"})
+        lint_session_file(report, dir + "/" + f);
+    lint_options(report);
+    mg::pam::set_log_sink(nullptr);
+    std::printf("%d error(s), %d warning(s)\n", report.errors, report.warnings);
+    return report.errors > 0 ? kFailed : kOk;
+}
+
+}  // namespace mgctl
