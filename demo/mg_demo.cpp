@@ -1,7 +1,8 @@
 // Demonstration: real PAM transactions through libpam against the sample
 // policy, with the kernel module simulated, in a private mount namespace.
 // For every login it prints the decision, the syslog lines, the secure-log
-// entries and what the kernel module was told.
+// entries and what the kernel module was told; at the end, mgctl check
+// explains an allowed and a refused login.
 //
 // Usage: mg_demo POLICY_DIR   (as root; scripts/demo.sh builds and runs it)
 #include "faketime.hpp"
@@ -15,6 +16,7 @@
 #include <security/pam_appl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -201,6 +203,26 @@ void kernel_label(int uid, int level, int category, int role, const char *catego
     syscall(223, 21, all.data(), 0, static_cast<long>(cats.size()), 0);
 }
 
+// Runs mgctl with the given arguments and prints what it says.
+void explain(std::vector<std::string> args) {
+    std::string shown = "mgctl";
+    for (const auto &a : args) shown += a.find(' ') != std::string::npos ? " \"" + a + "\"" : " " + a;
+    std::printf("\n$ %s\n", shown.c_str());
+    std::fflush(stdout);
+    args.insert(args.begin(), MG_MGCTL_PATH);
+    pid_t pid = fork();
+    if (pid == 0) {
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    if (pid > 0) waitpid(pid, &status, 0);
+    std::printf("(exit status %d)\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+}
+
 int demo(const std::string &policy) {
     mgtest::Sandbox sb;
     sb.add_group("admins", 2000, {});
@@ -279,6 +301,11 @@ int demo(const std::string &policy) {
     d.set_mode("LimitLoginSession", "nolog");
     d.run("carol's third session in nolog mode: refused, not recorded", {"carol", "sshd", "carol-laptop.vpn", "pts/2"},
           true);
+
+    d.heading("The administration tool explains decisions (mgctl check, a dry run)");
+    d.set_mode("LimitLoginSession", "on");
+    explain({"check", "--service", "sshd", "--user", "alice", "--rhost", "198.51.100.7", "--tty", "pts/0"});
+    explain({"check", "--service", "sshd", "--user", "bob", "--rhost", "198.51.100.9", "--tty", "pts/1"});
     return 0;
 }
 
