@@ -10,6 +10,9 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+
+#include "testsupport.hpp"
 
 #ifndef MG_PAM_MODULE_PATH
 #error "the build must define MG_PAM_MODULE_PATH"
@@ -49,6 +52,38 @@ void make_dirs(const std::string &path) {
         if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST)
             throw std::runtime_error("mkdir " + cur + ": " + std::strerror(errno));
     }
+}
+
+const char *pam_result_name(int rc) {
+    switch (rc) {
+    case PAM_SUCCESS: return "PAM_SUCCESS";
+    case PAM_PERM_DENIED: return "PAM_PERM_DENIED";
+    case PAM_USER_UNKNOWN: return "PAM_USER_UNKNOWN";
+    case PAM_SESSION_ERR: return "PAM_SESSION_ERR";
+    case PAM_ABORT: return "PAM_ABORT";
+    default: return "another PAM error";
+    }
+}
+
+void expect_dry_run_agrees(const char *phase, const char *user, const Items &items, const std::string &service,
+                           int rc) {
+    std::vector<std::string> args = {MG_MGCTL_PATH, "check", "--phase", phase, "--service", service, "--user", user};
+    for (auto [flag, value] : {std::pair{"--rhost", &items.rhost}, std::pair{"--tty", &items.tty},
+                               std::pair{"--ruser", &items.ruser}})
+        if (*value) args.insert(args.end(), {flag, **value});
+    int status = 0;
+    std::string out = mgtest::capture_stdout(
+        [&] {
+            std::vector<char *> argv;
+            for (auto &a : args) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            unsetenv("MGSIM_STATE");
+            execv(argv[0], argv.data());
+            _exit(127);
+        },
+        &status);
+    EXPECT_NE(out.find(std::string("result: ") + pam_result_name(rc)), std::string::npos)
+        << "mgctl check disagrees with the module (" << pam_result_name(rc) << "):\n" << out;
 }
 
 }  // namespace
@@ -152,6 +187,8 @@ Outcome World::run(Phase phase, const char *user, const Items &items, const std:
     case Phase::close_session: out.rc = pam_close_session(pamh, 0); break;
     }
     pam_end(pamh, out.rc);
+    if (check_with_mgctl && phase != Phase::close_session && user != nullptr && *user != '\0')
+        expect_dry_run_agrees(phase == Phase::account ? "account" : "session", user, items, service, out.rc);
     return out;
 }
 

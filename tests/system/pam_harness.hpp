@@ -99,6 +99,12 @@ public:
         return run(Phase::close_session, user, items, service);
     }
 
+    // Every account and session-opening transaction is also run through
+    // mgctl's dry run (kernel module absent, so the simulator's state and
+    // failure rules are left alone), which must reach the same PAM result.
+    // Off for the cases whose result depends on what this process did before.
+    bool check_with_mgctl = true;
+
     // Syslog lines of the module (ident "mg_pam_acl") received since the last
     // take, as "<PRI>text" (the pid is checked to be ours and left out).
     std::vector<std::string> take_module_syslog();

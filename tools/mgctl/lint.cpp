@@ -136,7 +136,7 @@ void lint_modes(Report &report, const std::string &path) {
             report.warning(path, lineno, std::string("unknown key '") + key + "'");
         else if (mg::pam::lookup_mode(value) < 0)
             report.error(path, lineno, std::string("unknown mode '") + value +
-                                           "': the mode stays as it was (on, in a fresh login process)");
+                                           "': the mode stays as it was (warn, in a fresh login process)");
     });
 }
 
