@@ -25,6 +25,18 @@ MG_API void err_string(int code) MG_NOEXCEPT;
 /* Writes the message text of code into _errbuf. */
 MG_API void _mg_strerror(int code) MG_NOEXCEPT;
 
+/* ---- Installation root ------------------------------------------------- */
+
+#define MG_PATH_MAX 1024
+
+/* Installation root, filled by chk_rootdir / chk_mgrootdir. */
+MG_API extern char mg_root[MG_PATH_MAX];
+
+/* Reads MG_ROOT from "/etc/.evmg" into mg_root; ends the process on failure. */
+MG_API int chk_rootdir(void) MG_NOEXCEPT;
+/* The same for library callers: 1, or -1 with errno 10026 / 10027. */
+MG_API int chk_mgrootdir(void) MG_NOEXCEPT;
+
 /* ---- Token slots and splitting ------------------------------------------ */
 
 #define MG_TOKSLOT_COUNT 10

@@ -3,19 +3,12 @@
 #ifndef MOSSGROVE_STORES_H
 #define MOSSGROVE_STORES_H
 
-#include <mossgrove/defs.h>
+#include <mossgrove/common.h>
 
 MG_BEGIN_DECLS
 
-#define MG_PATH_MAX 1024
-
-/* Installation root, filled by chk_rootdir / chk_mgrootdir. */
-MG_API extern char mg_root[MG_PATH_MAX];
-
-/* Reads MG_ROOT from "/etc/.evmg" into mg_root; ends the process on failure. */
-MG_API int chk_rootdir(void) MG_NOEXCEPT;
-/* The same for library callers: 1, or -1 with errno 10026 / 10027. */
-MG_API int chk_mgrootdir(void) MG_NOEXCEPT;
+/* mg_root, chk_rootdir and chk_mgrootdir (the installation root) are in
+ * common.h. */
 /* Builds the MLS user and category store paths from mg_root. */
 MG_API int set_dbpath(void) MG_NOEXCEPT;
 /* 0 when neither the store (which 0: users, else categories) nor its backup exists. */

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/fileio.hpp"
 #include "common/handles.hpp"
 #include "common/text.hpp"
 
@@ -45,29 +46,66 @@ private:
     int saved_;
 };
 
+// Moves len bytes with read() or write(), going on after short transfers and
+// EINTR; an end of file before the last byte is EIO (the file shrank).
+template <class Byte, class Io>
+int transfer_all(int fd, Byte *p, size_t len, Io io) noexcept {
+    while (len > 0) {
+        ssize_t n = io(fd, p, len);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return -1;
+        }
+        p += n;
+        len -= static_cast<size_t>(n);
+    }
+    return 0;
+}
+
 // Copies exactly size bytes from in to out.
 bool copy_bytes(int in, int out, off_t size) {
     char buf[kCopyChunk];
     while (size > 0) {
         const size_t want = size < static_cast<off_t>(sizeof buf) ? static_cast<size_t>(size) : sizeof buf;
-        const ssize_t got = read(in, buf, want);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) {
-            if (got == 0) errno = EIO;  // the file shrank under us
-            return false;
-        }
-        for (ssize_t done = 0; done < got;) {
-            const ssize_t put = write(out, buf + done, static_cast<size_t>(got - done));
-            if (put < 0 && errno == EINTR) continue;
-            if (put <= 0) return false;
-            done += put;
-        }
-        size -= got;
+        if (mg::fileio::read_all(in, buf, want) != 0 || mg::fileio::write_all(out, buf, want) != 0) return false;
+        size -= static_cast<off_t>(want);
     }
     return true;
 }
 
 }  // namespace
+
+namespace mg::fileio {
+
+int read_all(int fd, void *buf, size_t len) noexcept {
+    return transfer_all(fd, static_cast<char *>(buf), len, ::read);
+}
+
+int write_all(int fd, const void *buf, size_t len) noexcept {
+    return transfer_all(fd, static_cast<const char *>(buf), len, ::write);
+}
+
+void discard_temp(int fd, const char *tmp) noexcept {
+    int saved = errno;
+    if (fd >= 0) close(fd);
+    if (tmp != nullptr) unlink(tmp);
+    errno = saved;
+}
+
+int install_temp(int fd, const char *tmp, const char *target) noexcept {
+    if (fsync(fd) != 0) {
+        discard_temp(fd, tmp);
+        return -1;
+    }
+    if (close(fd) != 0 || rename(tmp, target) != 0) {
+        discard_temp(-1, tmp);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace mg::fileio
 
 int isRegFile(const char *path) noexcept {
     if (path == nullptr) return set_errno(EINVAL);

@@ -20,7 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "stores/dbfile.hpp"
+#include "common/fileio.hpp"
 
 namespace {
 
@@ -222,11 +222,11 @@ void lay_out(const MGOptionBuf *opt, Layout &out) {
 bool replace_file(const char *path, const char *tmp, const char *data, size_t len) {
     int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return false;
-    if (mg::stores::write_all(fd, data, len) != 0) {
-        mg::stores::abandon_rewrite(fd, tmp, -1);
+    if (mg::fileio::write_all(fd, data, len) != 0) {
+        mg::fileio::discard_temp(fd, tmp);
         return false;
     }
-    return mg::stores::install_temp(fd, tmp, path) == 0;
+    return mg::fileio::install_temp(fd, tmp, path) == 0;
 }
 
 }  // namespace

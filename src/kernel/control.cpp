@@ -2,11 +2,11 @@
 // label lists into "<root>/data/mls_file" and "<root>/data/mls_dir".
 #include <mossgrove/common.h>
 #include <mossgrove/kernel.h>
-#include <mossgrove/stores.h>
 #include "common/error.hpp"
 #include "kernel/control.hpp"
 #include "kernel/gateway.hpp"
-#include "stores/dbfile.hpp"
+#include "common/fileio.hpp"
+#include "common/root.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -92,7 +92,7 @@ namespace {
 
 // Removes the temporary file of a failed snapshot; errno is kept.
 int drop_temp(int fd, const char *tmp) {
-    mg::stores::abandon_rewrite(fd, tmp, -1);
+    mg::fileio::discard_temp(fd, tmp);
     return -1;
 }
 
@@ -101,10 +101,10 @@ int drop_temp(int fd, const char *tmp) {
 // the result is 0, deliberately.
 int sync_labels(const char *name, int (*count_records)(), int (*fetch)(void *, int)) {
     if (chk_mgrootdir() != 1) return 0;
-    mg::stores::strip_root_slash();
+    mg::root::strip_root_slash();
     char target[MG_PATH_MAX];
     char tmp[MG_PATH_MAX];
-    if (!mg::stores::build_store_path(target, name)) return set_errno(ENAMETOOLONG);
+    if (!mg::root::build_store_path(target, name)) return set_errno(ENAMETOOLONG);
     int n = snprintf(tmp, sizeof tmp, "%s.tmp", target);
     if (n < 0 || static_cast<size_t>(n) >= sizeof tmp) return set_errno(ENAMETOOLONG);
 
@@ -132,10 +132,10 @@ int sync_labels(const char *name, int (*count_records)(), int (*fetch)(void *, i
         // The kernel never fills more than it was asked for; a larger answer
         // is cut to the buffer.
         got = std::min(got, count);
-        if (mg::stores::write_all(fd, records.get(), static_cast<size_t>(got) * MG_MLS_LABEL_RECORD_SIZE) != 0)
+        if (mg::fileio::write_all(fd, records.get(), static_cast<size_t>(got) * MG_MLS_LABEL_RECORD_SIZE) != 0)
             return drop_temp(fd, tmp);
     }
-    return mg::stores::install_temp(fd, tmp, target);
+    return mg::fileio::install_temp(fd, tmp, target);
 }
 
 }  // namespace

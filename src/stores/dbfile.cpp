@@ -1,4 +1,4 @@
-// Store file layer: the installation root, the store paths, store files opened
+// Store file layer: the store paths, store files opened
 // under whole-file advisory locks, copies between store files, lock tests.
 //
 // A store file rests at mode 0444. While a writer holds it, it is 02644; while
@@ -7,8 +7,8 @@
 // once.
 #include <mossgrove/common.h>
 #include <mossgrove/stores.h>
-#include "common/paths.hpp"
-#include "common/text.hpp"
+#include "common/fileio.hpp"
+#include "common/root.hpp"
 #include "stores/dbfile.hpp"
 
 #include <fcntl.h>
@@ -22,8 +22,6 @@
 #include <ctime>
 #include <memory>
 #include <new>
-
-char mg_root[MG_PATH_MAX];
 
 namespace mg::stores {
 
@@ -72,68 +70,7 @@ void rest_path(const char *path) noexcept {
     if (chmod(path, kModeRest) != 0) errno = saved;
 }
 
-// Moves len bytes with read() or write(), going on after short transfers and
-// EINTR; an end of file before the last byte is EIO (the file shrank).
-template <class Byte, class Io>
-int transfer_all(int fd, Byte *p, size_t len, Io io) noexcept {
-    while (len > 0) {
-        ssize_t n = io(fd, p, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return -1;
-        }
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return 0;
-}
-
-int read_all(int fd, void *buf, size_t len) noexcept {
-    return transfer_all(fd, static_cast<char *>(buf), len, ::read);
-}
-
-// Reads the key MG_ROOT of the file that names the installation root into
-// mg_root. 1 on success; 0 when the file cannot be read; -1 when MG_ROOT is missing.
-int load_root() noexcept {
-    if (const char *given = mg::paths::root_override()) {
-        mg::text::copy_cut(mg_root, sizeof mg_root, given);
-        return 1;
-    }
-    if (read_conf(mg::paths::evmg()) != 1) return 0;
-    char value[1024];
-    int found = get_conf("MG_ROOT", value);
-    close_conf();
-    if (found != 1) return -1;
-    // value holds at most 1023 characters: it always fits.
-    memcpy(mg_root, value, sizeof mg_root);
-    return 1;
-}
-
 }  // namespace
-
-void strip_root_slash() noexcept {
-    size_t len = strnlen(mg_root, sizeof mg_root);
-    if (len > 0 && mg_root[len - 1] == '/') mg_root[len - 1] = '\0';
-}
-
-// Store paths are cut at the buffer size by design; the compiler's warning
-// about a possible cut is therefore silenced here, and only here.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-truncation"
-#endif
-bool build_store_path(char (&dst)[MG_PATH_MAX], const char *name) noexcept {
-    int n = snprintf(dst, sizeof dst, "%s%s%s%s", mg_root, "/", "data/", name);
-    return n >= 0 && static_cast<size_t>(n) < sizeof dst;
-}
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
-
-int write_all(int fd, const void *buf, size_t len) noexcept {
-    return transfer_all(fd, static_cast<const char *>(buf), len, ::write);
-}
 
 int open_rewrite_temp(const char *store, char (&tmp)[MG_PATH_MAX]) noexcept {
     int n = snprintf(tmp, sizeof tmp, "%s.%d%s", store, static_cast<int>(time(nullptr)), "XXXXXX");
@@ -145,24 +82,9 @@ int open_rewrite_temp(const char *store, char (&tmp)[MG_PATH_MAX]) noexcept {
 
 void abandon_rewrite(int tmp_fd, const char *tmp, int store_fd) noexcept {
     int saved = errno;
-    if (tmp_fd >= 0) close(tmp_fd);
-    if (tmp != nullptr) unlink(tmp);
+    mg::fileio::discard_temp(tmp_fd, tmp);
     muf_close(store_fd);
     errno = saved;
-}
-
-int install_temp(int fd, const char *tmp, const char *target) noexcept {
-    // Durable before it takes the target's name, so that a crash or power cut
-    // leaves either the old or the new file.
-    if (fsync(fd) != 0) {
-        abandon_rewrite(fd, tmp, -1);
-        return -1;
-    }
-    if (close(fd) != 0 || rename(tmp, target) != 0) {
-        abandon_rewrite(-1, tmp, -1);
-        return -1;
-    }
-    return 0;
 }
 
 int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
@@ -179,23 +101,6 @@ int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
 using namespace mg::stores;
 
 // ---- Installation root and store paths -------------------------------------
-
-int chk_rootdir(void) noexcept {
-    const char *file = mg::paths::evmg();
-    switch (load_root()) {
-        case 1: return 1;
-        case 0: err_sys("Cannot open %s.\n", file);
-        default: err_sys("Cannot get $MG_ROOT on %s.\n", file);
-    }
-}
-
-int chk_mgrootdir(void) noexcept {
-    switch (load_root()) {
-        case 1: return 1;
-        case 0: return set_errno(MG_ERR_NO_EVMG);
-        default: return set_errno(MG_ERR_NO_MGROOT);
-    }
-}
 
 int set_dbpath(void) noexcept {
     strip_root_slash();

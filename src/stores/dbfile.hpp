@@ -4,6 +4,9 @@
 
 #include <mossgrove/stores.h>
 
+#include "common/fileio.hpp"
+#include "common/root.hpp"
+
 #include <cstddef>
 
 namespace mg::stores {
@@ -14,11 +17,12 @@ extern char g_szMuBakPath[MG_PATH_MAX];   // <root>/data/.mls_user_bak
 extern char g_szCatPath[MG_PATH_MAX];     // <root>/data/mls_cat
 extern char g_szCatBakPath[MG_PATH_MAX];  // <root>/data/.mls_cat_bak
 
-// Removes one trailing "/" from mg_root, in place.
-void strip_root_slash() noexcept;
-
-// dst = mg_root + "/" + "data/" + name, cut at MG_PATH_MAX bytes; false when cut.
-bool build_store_path(char (&dst)[MG_PATH_MAX], const char *name) noexcept;
+// The root and file helpers every store uses, from the common layer.
+using mg::fileio::install_temp;
+using mg::fileio::read_all;
+using mg::fileio::write_all;
+using mg::root::build_store_path;
+using mg::root::strip_root_slash;
 
 // Store rewrite, step "temporary file": builds "<store>.<time>XXXXXX" into tmp
 // and creates it with mkstemp. Returns the descriptor, or -1 (errno 10017 when
@@ -37,13 +41,5 @@ int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
 // Store rewrite abandoned: closes and removes the temporary file and releases
 // the store. errno is preserved for the caller.
 void abandon_rewrite(int tmp_fd, const char *tmp, int store_fd) noexcept;
-
-// Makes the temporary file tmp (open as fd) durable and renames it onto
-// target: fsync, close, rename. On failure the temporary file is removed and
-// -1 returned with the system's errno.
-int install_temp(int fd, const char *tmp, const char *target) noexcept;
-
-// Writes the whole buffer (retrying short writes and EINTR): 0 or -1.
-int write_all(int fd, const void *buf, size_t len) noexcept;
 
 }  // namespace mg::stores
