@@ -10,12 +10,48 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <functional>
 
 #include <string>
 #include <vector>
 
 namespace mgtest {
+
+// Runs op in a child process and kills it with SIGKILL after delay_us
+// microseconds (a crash at that point), or lets it finish first.
+inline void crash_after(const std::function<void()> &op, long delay_us) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        op();
+        _exit(0);
+    }
+    if (delay_us > 0) usleep(static_cast<useconds_t>(delay_us));
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+// Microseconds one run of op takes in a child process.
+inline long child_duration_us(const std::function<void()> &op) {
+    struct timespec a, b;
+    clock_gettime(CLOCK_MONOTONIC, &a);
+    run_in_child([&] {
+        op();
+        return 0;
+    });
+    clock_gettime(CLOCK_MONOTONIC, &b);
+    return (b.tv_sec - a.tv_sec) * 1000000L + (b.tv_nsec - a.tv_nsec) / 1000;
+}
+
+// Permission bits only: a holder killed while it held the store leaves the
+// set-group-ID lock mark behind, which is only a mark.
+inline mode_t perms(const std::string &path) { return file_mode(path) & 0777; }
 
 class LabelStoreTest : public ::testing::Test {
 protected:
