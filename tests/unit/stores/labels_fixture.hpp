@@ -53,19 +53,21 @@ inline long child_duration_us(const std::function<void()> &op) {
 // set-group-ID lock mark behind, which is only a mark.
 inline mode_t perms(const std::string &path) { return file_mode(path) & 0777; }
 
-class LabelStoreTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(mkdir((dir_ / "data").c_str(), 0755), 0);
-        ASSERT_EQ(mkdir((dir_ / "etc").c_str(), 0755), 0);
+// A scratch installation root ("<dir>/data", "<dir>/etc") named by a test
+// evmg file, with the store paths set, and a fresh simulated kernel.
+class LabelRoot {
+public:
+    LabelRoot() {
+        EXPECT_EQ(mkdir((dir_ / "data").c_str(), 0755), 0);
+        EXPECT_EQ(mkdir((dir_ / "etc").c_str(), 0755), 0);
         write_file(dir_ / "evmg", "MG_ROOT=" + dir_.path() + "/\n");
         mg::paths::override_for_tests((dir_ / "evmg").c_str(), nullptr, nullptr);
-        ASSERT_EQ(mgsim_use_state((dir_ / "state").c_str()), 0);
-        ASSERT_EQ(mgsim_reset(), 0);
-        ASSERT_EQ(chk_mgrootdir(), 1);
+        EXPECT_EQ(mgsim_use_state((dir_ / "state").c_str()), 0);
+        EXPECT_EQ(mgsim_reset(), 0);
+        EXPECT_EQ(chk_mgrootdir(), 1);
         set_dbpath();
     }
-    void TearDown() override {
+    ~LabelRoot() {
         mgsim_use_state(nullptr);
         mg::paths::override_for_tests(nullptr, nullptr, nullptr);
     }
@@ -89,5 +91,7 @@ protected:
 
     TempDir dir_;
 };
+
+class LabelStoreTest : public ::testing::Test, public LabelRoot {};
 
 }  // namespace mgtest
