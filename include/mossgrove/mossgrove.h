@@ -4,6 +4,8 @@
 #include <mossgrove/common.h>
 #include <mossgrove/kernel.h>
 #include <mossgrove/stores.h>
+#include <mossgrove/labels.h>
+#include <mossgrove/sopass.h>
 #include <mossgrove/seclog.h>
 #include <mossgrove/config.h>
 #endif
