@@ -138,6 +138,18 @@ int open_rewrite_temp(const char *store, char (&tmp)[MG_PATH_MAX]) noexcept {
     return mkstemp(tmp);
 }
 
+int create_named_temp(const char *tmp) noexcept {
+    struct stat st;
+    if (lstat(tmp, &st) == 0 ? !S_ISREG(st.st_mode) : errno != ENOENT) return set_errno(MG_ERR_TEMPFILE);
+    int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return -1;
+    if (fchmod(fd, kModeRest) != 0) {
+        abandon_rewrite(fd, tmp, -1);
+        return -1;
+    }
+    return fd;
+}
+
 void abandon_rewrite(int tmp_fd, const char *tmp, int store_fd) noexcept {
     int saved = errno;
     if (tmp_fd >= 0) close(tmp_fd);

@@ -43,6 +43,14 @@ void abandon_rewrite(int tmp_fd, const char *tmp, int store_fd) noexcept;
 // -1 returned with the system's errno.
 int install_temp(int fd, const char *tmp, const char *target) noexcept;
 
+// Creates (or truncates) the temporary file tmp of a text store or
+// configuration file that is replaced through a fixed temporary name: nothing
+// but a regular file may stand under the name (errno 10017 otherwise, also
+// when it cannot be examined), a link there is never followed, and the file is
+// made 0444 at once so that it rests read-only once renamed. Returns the
+// descriptor (open for writing) or -1.
+int create_named_temp(const char *tmp) noexcept;
+
 // Writes the whole buffer (retrying short writes and EINTR): 0 or -1.
 int write_all(int fd, const void *buf, size_t len) noexcept;
 
