@@ -6,4 +6,5 @@
 #include <mossgrove/stores.h>
 #include <mossgrove/seclog.h>
 #include <mossgrove/config.h>
+#include <mossgrove/rules.h>
 #endif
