@@ -4,6 +4,7 @@
 #include <mossgrove/common.h>
 #include <mossgrove/kernel.h>
 #include <mossgrove/stores.h>
+#include <mossgrove/labels.h>
 #include <mossgrove/seclog.h>
 #include <mossgrove/config.h>
 #include <mossgrove/rules.h>

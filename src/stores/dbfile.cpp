@@ -175,6 +175,11 @@ int install_temp(int fd, const char *tmp, const char *target) noexcept {
 int commit_rewrite(int tmp_fd, const char *tmp, int store_fd, const char *store,
                    const char *backup) noexcept {
     muf_close(store_fd);
+    // At rest from the moment it takes the store's name, crash or not.
+    if (fchmod(tmp_fd, kModeRest) != 0) {
+        abandon_rewrite(tmp_fd, tmp, -1);
+        return -1;
+    }
     if (install_temp(tmp_fd, tmp, store) != 0) return -1;
     rest_path(store);
     if (backup != nullptr) mf_copy_file(store, backup);
@@ -373,37 +378,31 @@ void muf_close(int fd) noexcept {
     mf_close_file(fd);
 }
 
-// The target is replaced as a whole: its new contents go to "<to>.copy", which
-// is fsync'ed and renamed over it while the target's write lock is held, so a
-// crash or power cut leaves the old or the new contents, never a mixture.
+// The target keeps its inode (owner, group, hard links, the kernel module's
+// label): it is truncated and rewritten in place under its write lock, so
+// readers and writers that lock it keep serialising with this copy. The data
+// is fsync'ed before the locks are released; a failed write or fsync is
+// reported, leaving the target to the caller's recovery (the stores keep a
+// backup or a previous generation for that).
 int mf_copy_file(const char *from, const char *to) noexcept {
-    StoreFd src(muf_open(from, 0));
-    if (src.get() < 0) return -1;
-    StoreFd dst(muf_open(to, O_RDWR));
-    if (dst.get() < 0) return -1;
+    {
+        StoreFd src(muf_open(from, 0));
+        if (src.get() < 0) return -1;
+        StoreFd dst(muf_open(to, O_RDWR));
+        if (dst.get() < 0) return -1;
 
-    long size = mf_get_size(src.get());
-    if (size < 0) return -1;
-    std::unique_ptr<char[]> buf;
-    if (size > 0) {
-        buf.reset(new (std::nothrow) char[static_cast<size_t>(size)]);
-        if (!buf) return set_errno(ENOMEM);
-        if (read_all(src.get(), buf.get(), static_cast<size_t>(size)) != 0) return -1;
+        long size = mf_get_size(src.get());
+        if (size < 0) return -1;
+        std::unique_ptr<char[]> buf;
+        if (size > 0) {
+            buf.reset(new (std::nothrow) char[static_cast<size_t>(size)]);
+            if (!buf) return set_errno(ENOMEM);
+            if (read_all(src.get(), buf.get(), static_cast<size_t>(size)) != 0) return -1;
+        }
+        if (ftruncate(dst.get(), 0) != 0) return -1;
+        if (size > 0 && write_all(dst.get(), buf.get(), static_cast<size_t>(size)) != 0) return -1;
+        if (fsync(dst.get()) != 0) return -1;
     }
-
-    char tmp[MG_PATH_MAX];
-    int n = snprintf(tmp, sizeof tmp, "%s.copy", to);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof tmp) return set_errno(ENAMETOOLONG);
-    // The name is ours while we hold the target's write lock; a leftover from a
-    // crash is removed, and nothing is followed through a link.
-    if (unlink(tmp) != 0 && errno != ENOENT) return -1;
-    int out = open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-    if (out < 0) return -1;
-    if ((size > 0 && write_all(out, buf.get(), static_cast<size_t>(size)) != 0) || fchmod(out, kModeRest) != 0) {
-        abandon_rewrite(out, tmp, -1);
-        return -1;
-    }
-    if (install_temp(out, tmp, to) != 0) return -1;
     rest_path(to);
     return 1;
 }

@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -205,18 +206,31 @@ TEST_F(StoreFileTest, CopyOfAnEmptyFileTruncatesTheTarget) {
     EXPECT_EQ(file_mode(store_), 0444u);
     EXPECT_EQ(file_mode(empty), 0444u);
 
-    // A missing target is created; a link left under the copy name is not followed.
-    const std::string backup = dir_ / ".store_bak", victim = dir_ / "victim";
-    write_file(victim, "keep", 0644);
-    ASSERT_EQ(symlink(victim.c_str(), (backup + ".copy").c_str()), 0);
+    // The target is rewritten in place: same inode, so a hard link sees the
+    // new contents; a missing target is created.
+    const std::string backup = dir_ / ".store_bak", link = dir_ / "link";
+    write_file(backup, "old", 0444);
+    ASSERT_EQ(::link(backup.c_str(), link.c_str()), 0);
+    struct stat before {}, after {};
+    ASSERT_EQ(stat(backup.c_str(), &before), 0);
     std::string big(200000, 'q');
     big[123] = '\0';
     write_file(store_, big, 0444);
     EXPECT_EQ(mf_copy_file(store_.c_str(), backup.c_str()), 1);
-    EXPECT_EQ(read_file(backup), big);
+    ASSERT_EQ(stat(backup.c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(read_file(link), big);
     EXPECT_EQ(file_mode(backup), 0444u);
-    EXPECT_FALSE(mgtest::exists(backup + ".copy"));
-    EXPECT_EQ(read_file(victim), "keep");
+    EXPECT_EQ(mf_copy_file(store_.c_str(), (dir_ / "fresh").c_str()), 1);
+    EXPECT_EQ(read_file(dir_ / "fresh"), big);
+
+    // A write that fails (here: the file size limit) is reported.
+    EXPECT_EQ(mgtest::run_in_child([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit lim = {4096, 4096};
+        setrlimit(RLIMIT_FSIZE, &lim);
+        return mf_copy_file(store_.c_str(), backup.c_str()) == -1 && errno == EFBIG ? 0 : 1;
+    }), 0);
 }
 
 TEST_F(StoreFileTest, CopyFailsOnMissingSourceOrBusyTarget) {
