@@ -17,8 +17,9 @@
 
 namespace mg::rules {
 
-bool module_usable() noexcept {
+bool module_usable(int *state) noexcept {
     const int status = get_module_status();
+    if (state != nullptr) *state = status;
     if (status == MG_STATUS_STOPPED || status == MG_STATUS_RUNNING) return true;
     set_errno(MG_ERR_NO_MODULE);
     return false;

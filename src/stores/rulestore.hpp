@@ -14,7 +14,8 @@
 namespace mg::rules {
 
 // The kernel module is loaded and running or stopped; otherwise errno 10101.
-bool module_usable() noexcept;
+// The state read goes to *status when given.
+bool module_usable(int *status = nullptr) noexcept;
 
 // When the kernel table is empty, fills it from its store; a store that does
 // not exist (10072) is an empty table. 0, or -1 with the load's code.

@@ -5,6 +5,7 @@
 
 #include <mossgrove/kernel.h>
 #include <mossgrove/rules.h>
+#include <mossgrove/stores.h>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
