@@ -5,6 +5,7 @@
 #include <mossgrove/kernel.h>
 #include <mossgrove/stores.h>
 #include <mossgrove/labels.h>
+#include <mossgrove/sopass.h>
 #include <mossgrove/seclog.h>
 #include <mossgrove/config.h>
 #include <mossgrove/rules.h>

@@ -10,26 +10,64 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <functional>
 
 #include <string>
 #include <vector>
 
 namespace mgtest {
 
-class LabelStoreTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(mkdir((dir_ / "data").c_str(), 0755), 0);
-        ASSERT_EQ(mkdir((dir_ / "etc").c_str(), 0755), 0);
+// Runs op in a child process and kills it with SIGKILL after delay_us
+// microseconds (a crash at that point), or lets it finish first.
+inline void crash_after(const std::function<void()> &op, long delay_us) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        op();
+        _exit(0);
+    }
+    if (delay_us > 0) usleep(static_cast<useconds_t>(delay_us));
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+// Microseconds one run of op takes in a child process.
+inline long child_duration_us(const std::function<void()> &op) {
+    struct timespec a, b;
+    clock_gettime(CLOCK_MONOTONIC, &a);
+    run_in_child([&] {
+        op();
+        return 0;
+    });
+    clock_gettime(CLOCK_MONOTONIC, &b);
+    return (b.tv_sec - a.tv_sec) * 1000000L + (b.tv_nsec - a.tv_nsec) / 1000;
+}
+
+// Permission bits only: a holder killed while it held the store leaves the
+// set-group-ID lock mark behind, which is only a mark.
+inline mode_t perms(const std::string &path) { return file_mode(path) & 0777; }
+
+// A scratch installation root ("<dir>/data", "<dir>/etc") named by a test
+// evmg file, with the store paths set, and a fresh simulated kernel.
+class LabelRoot {
+public:
+    LabelRoot() {
+        EXPECT_EQ(mkdir((dir_ / "data").c_str(), 0755), 0);
+        EXPECT_EQ(mkdir((dir_ / "etc").c_str(), 0755), 0);
         write_file(dir_ / "evmg", "MG_ROOT=" + dir_.path() + "/\n");
         mg::paths::override_for_tests((dir_ / "evmg").c_str(), nullptr, nullptr);
-        ASSERT_EQ(mgsim_use_state((dir_ / "state").c_str()), 0);
-        ASSERT_EQ(mgsim_reset(), 0);
-        ASSERT_EQ(chk_mgrootdir(), 1);
+        EXPECT_EQ(mgsim_use_state((dir_ / "state").c_str()), 0);
+        EXPECT_EQ(mgsim_reset(), 0);
+        EXPECT_EQ(chk_mgrootdir(), 1);
         set_dbpath();
     }
-    void TearDown() override {
+    ~LabelRoot() {
         mgsim_use_state(nullptr);
         mg::paths::override_for_tests(nullptr, nullptr, nullptr);
     }
@@ -53,5 +91,7 @@ protected:
 
     TempDir dir_;
 };
+
+class LabelStoreTest : public ::testing::Test, public LabelRoot {};
 
 }  // namespace mgtest

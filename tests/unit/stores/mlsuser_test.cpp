@@ -1,0 +1,289 @@
+// MLS users: the merge of accounts with the kernel's list, the management
+// calls against test accounts (a private /etc) and the simulated kernel, and
+// the store layer with its recovery rules, crashes and races.
+#include <mossgrove/sopass.h>
+#include "labels_fixture.hpp"
+#include "sandbox.hpp"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+using mgtest::read_file;
+using Root = mgtest::LabelRoot;
+
+MGMlsUser user(int uid, const char *name, int role = 0, int level = 0, int cid = 0, int retry = 0) {
+    MGMlsUser u{};
+    u.uid = uid;
+    u.gid = 100;
+    u.level = level;
+    u.cid = cid;
+    u.role = static_cast<unsigned char>(role);
+    u.retry = static_cast<signed char>(retry);
+    strncpy(u.name, name, sizeof u.name - 1);
+    strcpy(u.group, "users");
+    return u;
+}
+
+// The merge's rules, one case per way an account and the kernel's list can
+// disagree.
+TEST(MlsUserMerge, RulesOfTheMerge) {
+    struct Case {
+        const char *what;
+        std::vector<MGMlsUser> pw, kern;
+        int result, matched;
+        std::vector<std::pair<const char *, int>> roles;  // name and role of each account afterwards
+    };
+    MGMlsUser regrouped = user(10, "a", 1);
+    regrouped.gid = 7;
+    const Case cases[] = {
+        {"in step", {user(10, "a"), user(11, "b")}, {user(10, "a", 1)}, 1, 1, {{"a", 1}, {"b", 0}}},
+        {"renamed SO", {user(10, "new")}, {user(10, "old", 3)}, 0, 1, {{"new", 3}}},
+        {"renamed MU", {user(10, "new")}, {user(10, "old", 1)}, 0, 0, {{"new", 0}}},
+        {"vanished account", {user(10, "a")}, {user(10, "a", 2), user(12, "gone", 1)}, 0, 1, {{"a", 2}}},
+        {"group changed", {user(10, "a")}, {regrouped}, 0, 1, {{"a", 1}}},
+        {"duplicate uid, SO", {user(10, "a"), user(10, "b")}, {user(10, "a", 3)}, 0, 2, {{"a", 3}, {"b", 3}}},
+        {"duplicate uid, MU", {user(10, "a"), user(10, "b")}, {user(10, "b", 1)}, 0, 1, {{"a", 0}, {"b", 1}}},
+        {"role 0 and 255 ignored", {user(10, "a")}, {user(10, "a", 0), user(10, "a", 255)}, 0, 0, {{"a", 0}}},
+        {"second record of a uid", {user(10, "a")}, {user(10, "x", 1), user(10, "a", 2)}, 0, 1, {{"a", 2}}},
+        {"empty kernel list", {user(10, "a")}, {}, 0, 0, {{"a", 0}}},
+    };
+    for (const Case &c : cases) {
+        std::vector<MGMlsUser> pw = c.pw, kern = c.kern;
+        for (auto &u : pw) u.disabled = 1;
+        int matched = -1;
+        EXPECT_EQ(merge_mulist(pw.data(), static_cast<int>(pw.size()), kern.data(), static_cast<int>(kern.size()),
+                               &matched), c.result) << c.what;
+        EXPECT_EQ(matched, c.matched) << c.what;
+        for (size_t i = 0; i < c.roles.size(); ++i) {
+            EXPECT_STREQ(pw[i].name, c.roles[i].first) << c.what;
+            EXPECT_EQ(pw[i].role, c.roles[i].second) << c.what;
+            EXPECT_EQ(pw[i].gid, 100) << c.what;
+            EXPECT_EQ(pw[i].disabled, 1) << c.what << ": the account keeps its own byte";
+        }
+    }
+}
+
+void add_account(mgtest::Sandbox &sb, const std::string &name, int uid, const std::string &shadow_pw,
+                 const std::string &expire = "") {
+    sb.append_etc("passwd", name + ":x:" + std::to_string(uid) + ":100::/home/" + name + ":/bin/sh\n");
+    if (!shadow_pw.empty()) sb.append_etc("shadow", name + ":" + shadow_pw + ":19000:0:99999:7::" + expire + ":\n");
+}
+
+MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
+    sb.add_group("users", 100);
+    add_account(sb, "so1", 1010, "$6$s$h");
+    add_account(sb, "alice", 1001, "$6$s$h");
+    add_account(sb, "bob", 1002, "!!");
+    add_account(sb, "carol", 1003, "$6$s$h", "1");  // expired long ago
+    add_account(sb, "dave", 1004, "");              // no shadow entry
+    mgtest::LabelRoot root;
+    auto list = [](int mode) {
+        MGMlsUser *l = nullptr;
+        int n = 0;
+        EXPECT_EQ(get_mls_user(&l, &n, mode), 1);
+        std::vector<MGMlsUser> v(l, l + n);
+        free(l);
+        return v;
+    };
+    auto find = [](const std::vector<MGMlsUser> &v, const char *name) {
+        for (const auto &u : v)
+            if (strcmp(u.name, name) == 0) return u;
+        return MGMlsUser{};
+    };
+
+    std::vector<MGMlsUser> all = list(1);
+    EXPECT_EQ(static_cast<int>(all.size()), get_num_pw());
+    const struct { const char *name; int disabled; } accounts[] = {
+        {"so1", 0}, {"alice", 0}, {"bob", 1}, {"carol", 1}, {"dave", 0}};
+    for (const auto &a : accounts) {
+        MGMlsUser u = find(all, a.name);
+        EXPECT_EQ(u.disabled, a.disabled) << a.name;
+        EXPECT_STREQ(u.group, "users");
+        EXPECT_EQ(u.role, 0);
+    }
+
+    MGMlsUser so = user(1010, "so1", 3, 0, 1, 0);
+    ASSERT_EQ(add_mls_user(&so, 1), 1);
+    MGMlsUser alice = user(1001, "alice", 1, 2, 0, 7);
+    alice.admin = 1;
+    ASSERT_EQ(add_mls_user(&alice, 1), 1);
+    EXPECT_EQ(get_login_retry("so1"), 5);
+    EXPECT_EQ(get_login_retry("alice"), 7);
+    std::vector<MGMlsUser> k = Root::kernel<MGMlsUser>(MGSIM_T_MU);
+    ASSERT_EQ(k.size(), 2u);
+    EXPECT_EQ(k[1].retry, 7);
+    EXPECT_EQ(k[1].admin, 0) << "an MU keeps no administrator option";
+    EXPECT_EQ(k[0].retry, 5);
+    EXPECT_EQ(read_file(root.data("mls_user")), Root::bytes_of(k));
+    EXPECT_EQ(read_file(root.data(".mls_user_bak")).size(), 1324u) << "the previous generation";
+
+    const struct { MGMlsUser rec; int (*call)(MGMlsUser *, int); int err; } refused[] = {
+        {user(1001, "alice", 1), add_mls_user, MG_ERR_ALREADY_MU},
+        {user(1002, "alice", 1), add_mls_user, MG_ERR_UID_NAME},
+        {user(0, "root", 1), add_mls_user, MG_ERR_UID_ZERO},
+        {user(1002, "bob", 2, 0, 0), add_mls_user, MG_ERR_NO_CATEGORY},
+        {user(1002, "bob", 1, 0, 77), add_mls_user, MG_ERR_NO_CATEGORY},
+        {user(1002, "bob", 4), add_mls_user, MG_ERR_ROLE_VALUE},
+        {user(4242, "ghost", 1), add_mls_user, MG_ERR_NOT_LISTED},
+        {user(1002, "bob", 1), mod_mls_user, MG_ERR_NOT_MU},
+        {user(1010, "so1", 1), mod_mls_user, MG_ERR_NO_SO_LEFT},
+        {user(1010, "so1", 3, 0, 1), del_mls_user, MG_ERR_NO_SO_LEFT},
+    };
+    for (auto r : refused) {
+        errno = 0;
+        EXPECT_EQ(r.call(&r.rec, 1), -1) << r.rec.name;
+        EXPECT_EQ(errno, r.err) << r.rec.name;
+    }
+    EXPECT_EQ(Root::kernel<MGMlsUser>(MGSIM_T_MU).size(), 2u) << "refusals change nothing";
+
+    MGMlsUser mod = user(1001, "alice", 1, 3, 0, -1);
+    mod.flags = MG_MU_LOCKED;
+    EXPECT_EQ(mod_mls_user(&mod, 1), 1);
+    EXPECT_EQ(is_locked_mgpwd("alice"), 1);
+    EXPECT_EQ(find(list(1), "alice").retry, 7) << "-1 keeps the limit";
+    MGMlsUser one = user(1001, "alice");
+    ASSERT_EQ(get_mls_user_one(&one, 1), 1);
+    EXPECT_EQ(one.level, 3);
+
+    // The SO's account is renamed: the SO keeps its fields under the new name.
+    std::string passwd = read_file("/etc/passwd");
+    passwd.replace(passwd.find("so1:"), 4, "so9:");
+    sb.write_etc("passwd", passwd);
+    std::vector<MGMlsUser> renamed = list(1);
+    EXPECT_EQ(find(renamed, "so9").role, 3);
+    EXPECT_STREQ(Root::kernel<MGMlsUser>(MGSIM_T_MU)[0].name, "so9");
+    EXPECT_STREQ(Root::records_of<MGMlsUser>(read_file(root.data("mls_user")))[0].name, "so9");
+
+    // An empty kernel table is filled from the store in mode 0, not in mode 1.
+    ASSERT_EQ(mgsim_reset(), 0);
+    EXPECT_EQ(find(list(1), "alice").role, 0);
+    EXPECT_EQ(find(list(0), "alice").role, 1);
+    EXPECT_EQ(Root::kernel<MGMlsUser>(MGSIM_T_MU).size(), 2u);
+
+    EXPECT_EQ(del_mls_user_all(0), 1);
+    EXPECT_EQ(find(list(0), "alice").role, 0);
+    EXPECT_EQ(find(list(0), "so9").role, 3);
+    EXPECT_EQ(getmgpwdnam("alice"), nullptr);
+    EXPECT_EQ(get_mls_user(nullptr, nullptr, 2), 0);
+}
+
+class MlsStoreTest : public mgtest::LabelStoreTest {
+protected:
+    std::vector<MGMlsUser> store() { return records_of<MGMlsUser>(read_file(data("mls_user"))); }
+    void put(const std::vector<MGMlsUser> &v) { mgtest::write_file(data("mls_user"), bytes_of(v), 0444); }
+};
+
+TEST_F(MlsStoreTest, RecordRewritesAndTheirRecoveryRules) {
+    MGMlsUser a = user(1001, "alice", 1, 0, 0, 7), b = user(1002, "bob", 3);
+    ASSERT_EQ(addmuent(&a), 1);
+    EXPECT_EQ(store()[0].retry, 7);
+    EXPECT_EQ(store()[0].flags & MG_MU_ADDED, MG_MU_ADDED);
+    EXPECT_EQ(get_login_retry("alice"), 5) << "the store layer's password entry always gets 5";
+    ASSERT_EQ(addmuent(&b), 1);
+    EXPECT_EQ(mgtest::perms(data("mls_user")), 0444u);
+    EXPECT_EQ(read_file(data(".mls_user_bak")), read_file(data("mls_user")));
+    EXPECT_EQ(getmunam(nullptr), nullptr);
+    ASSERT_NE(getmunam("bob"), nullptr);
+    EXPECT_EQ(getmuuid(1001)->retry, 7);
+
+    a.flags = MG_MU_LOCKED;
+    a.retry = 9;
+    EXPECT_EQ(modmuent(&a), 1);
+    EXPECT_EQ(is_locked_mgpwd("alice"), 1);
+    EXPECT_EQ(get_login_retry("alice"), 9);
+    EXPECT_EQ(resetmuent(), 1);
+    ASSERT_EQ(store().size(), 1u) << "only SOs stay";
+
+    // Modify and delete restore a lost store and ask to be called again; add does not restore.
+    ASSERT_EQ(unlink(data("mls_user").c_str()), 0);
+    EXPECT_EQ(delmuent(&b), 2);
+    EXPECT_EQ(store().size(), 1u);
+    ASSERT_EQ(unlink(data("mls_user").c_str()), 0);
+    EXPECT_EQ(loadmuent(), -1) << "the backup is not consulted";
+    EXPECT_EQ(addmuent(&a), 1);
+    ASSERT_EQ(store().size(), 1u);
+    EXPECT_EQ(store()[0].uid, 1001);
+
+    // Whole records only; a kernel refusal changes nothing.
+    std::string two = bytes_of(std::vector<MGMlsUser>{a, b}) + std::string(52, 'x');
+    const struct { size_t bytes; int records; } sizes[] = {{1323, 0}, {2700, 2}};
+    for (const auto &s : sizes) {
+        mgtest::write_file(data("mls_user"), two.substr(0, s.bytes), 0444);
+        int n = 0;
+        setmuent();
+        while (getmuent() != nullptr) ++n;
+        endmuent();
+        EXPECT_EQ(n, s.records) << s.bytes;
+    }
+    ASSERT_EQ(mgsim_set_fail("17:22"), 0);
+    EXPECT_EQ(delmuent(&a), -1);
+    EXPECT_EQ(read_file(data("mls_user")), two.substr(0, 2700));
+    ASSERT_EQ(mgsim_set_fail(""), 0);
+    ASSERT_EQ(mgsim_set_absent(1), 0);
+    EXPECT_EQ(delmuent(&a), 1) << "without the module only the file is written";
+    EXPECT_EQ(store().size(), 1u);
+}
+
+TEST_F(MlsStoreTest, KilledRewriteLeavesOldOrNewStore) {
+    std::vector<MGMlsUser> many;
+    for (int i = 0; i < 1000; ++i) many.push_back(user(2000 + i, ("u" + std::to_string(i)).c_str(), 1));
+    const std::string old_bytes = bytes_of(many);
+    MGMlsUser extra = user(9999, "extra", 1, 0, 0, 5);
+    extra.flags = MG_MU_ADDED;
+    const std::string new_bytes = old_bytes + bytes_of(std::vector<MGMlsUser>{extra});
+    auto op = [&] { addmuent(&extra); };
+    put(many);
+    const long dur = mgtest::child_duration_us(op);
+    for (int i = 0; i <= 30; ++i) {
+        put(many);
+        mgtest::crash_after(op, dur * i / 30);
+        const std::string now = read_file(data("mls_user"));
+        EXPECT_TRUE(now == old_bytes || now == new_bytes) << "killed after " << dur * i / 30 << " us: " << now.size();
+        EXPECT_EQ(mgtest::perms(data("mls_user")), 0444u);
+    }
+}
+
+TEST_F(MlsStoreTest, RacingRewritesNeverWaitAndKeepWholeRecords) {
+    put({user(1, "base", 3)});
+    // A writer holding the store: a rewrite fails at once with the lock error.
+    pid_t holder = fork();
+    if (holder == 0) {
+        muf_open(data("mls_user").c_str(), O_RDWR);
+        pause();
+        _exit(0);
+    }
+    while (mf_lock_test(data("mls_user").c_str(), 0) != 1) usleep(1000);
+    EXPECT_EQ(mgtest::run_in_child([] {
+        alarm(5);
+        MGMlsUser u = user(2, "x", 1);
+        return addmuent(&u) == -1 && errno == EAGAIN ? 0 : 1;
+    }), 0);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+
+    auto racer = [](int base) {
+        return [base] {
+            alarm(30);
+            for (int i = 0; i < 25; ++i) {
+                MGMlsUser u = user(base + i, "r", 1);
+                if (addmuent(&u) != 1 && errno != EAGAIN) return 1;
+            }
+            return 0;
+        };
+    };
+    pid_t p = fork();
+    if (p == 0) _exit(racer(100)());
+    EXPECT_EQ(mgtest::run_in_child(racer(200)), 0);
+    int st = 0;
+    waitpid(p, &st, 0);
+    EXPECT_EQ(WEXITSTATUS(st), 0);
+    const std::string bytes = read_file(data("mls_user"));
+    EXPECT_EQ(bytes.size() % sizeof(MGMlsUser), 0u);
+    for (const MGMlsUser &u : store()) EXPECT_TRUE(u.uid == 1 || (u.uid >= 100 && u.uid < 225)) << u.uid;
+}
+
+}  // namespace

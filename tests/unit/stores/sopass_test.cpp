@@ -1,0 +1,239 @@
+// Security password store: entry format and rewrites, the previous
+// generation, crash and race behaviour with real processes, prompts through a
+// pseudo-terminal, hash checks with crypt.
+#include <mossgrove/sopass.h>
+#include "labels_fixture.hpp"
+
+#include <crypt.h>
+#include <pty.h>
+#include <termios.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+using mgtest::read_file;
+
+class SopassTest : public mgtest::LabelStoreTest {
+protected:
+    std::string path(const char *name) const { return dir_ / (std::string("etc/") + name); }
+    static MGSecPasswd entry(const char *name, int retry = 5, int flags = MG_PW_IN_USE) {
+        MGSecPasswd e{};
+        strncpy(e.name, name, sizeof e.name - 1);
+        strncpy(e.hash, "$6$abc$hash", sizeof e.hash);
+        e.retry = static_cast<signed char>(retry);
+        e.marker = ' ';
+        e.flags = static_cast<unsigned char>(flags);
+        return e;
+    }
+    void put(const std::vector<MGSecPasswd> &es) { mgtest::write_file(path("mgpasswd"), bytes_of(es), 0444); }
+    std::vector<MGSecPasswd> stored() { return records_of<MGSecPasswd>(read_file(path("mgpasswd"))); }
+};
+
+TEST_F(SopassTest, EntriesRetryLimitsAndLocks) {
+    errno = 0;
+    EXPECT_EQ(del_mgpwdent("x"), -1) << "only an add creates the store";
+    EXPECT_EQ(errno, ENOENT);
+    MGSecPasswd a = entry("alice", 0), b = entry("bob", 99);
+    ASSERT_EQ(add_mgpwdent(&a), 1);
+    ASSERT_EQ(add_mgpwdent(&b), 1);
+    EXPECT_EQ(read_file(path("mgpasswd")).size(), 152u);
+    EXPECT_EQ(mgtest::perms(path("mgpasswd")), 0444u);
+    EXPECT_EQ(get_login_retry("alice"), 5);
+    EXPECT_EQ(get_login_retry("bob"), 99);
+    ASSERT_EQ(set_login_retry("alice", 100), 1);
+    EXPECT_EQ(stored()[0].retry, 100) << "stored as given";
+    EXPECT_EQ(get_login_retry("alice"), 5);
+
+    struct stat st0 {}, st1 {};
+    ASSERT_EQ(stat(path("mgpasswd").c_str(), &st0), 0);
+    EXPECT_EQ(lock_mgpwdnam("bob"), 1);
+    EXPECT_EQ(is_locked_mgpwd("bob"), 1);
+    const std::string locked = read_file(path("mgpasswd"));
+    EXPECT_EQ(read_file(path("mgpasswd.old")).size(), 152u) << "the previous generation";
+    EXPECT_NE(read_file(path("mgpasswd.old")), locked);
+    const std::string previous = read_file(path("mgpasswd.old"));
+    EXPECT_EQ(lock_mgpwdnam("bob"), 1);
+    EXPECT_EQ(read_file(path("mgpasswd.old")), previous) << "already locked: nothing written";
+    EXPECT_EQ(unlock_mgpwdnam("bob"), 1);
+    EXPECT_EQ(is_locked_mgpwd("bob"), 0);
+    ASSERT_EQ(stat(path("mgpasswd").c_str(), &st1), 0);
+    EXPECT_EQ(st1.st_ino, st0.st_ino) << "replaced in place, never renamed";
+
+    ASSERT_EQ(init_secpwnam("alice"), 1);
+    EXPECT_EQ(stored()[0].flags, MG_PW_IN_USE);
+    EXPECT_EQ(std::string(stored()[0].hash, 44), std::string(44, '\0'));
+    const std::string before = read_file(path("mgpasswd"));
+    EXPECT_EQ(del_mgpwdent("nobody"), 1);
+    EXPECT_EQ(read_file(path("mgpasswd")), before);
+    for (auto fn : {lock_mgpwdnam, unlock_mgpwdnam, is_locked_mgpwd, get_login_retry, init_secpwnam}) {
+        errno = 0;
+        EXPECT_EQ(fn("nobody"), -1);
+        EXPECT_EQ(errno, ENOENT);
+    }
+    EXPECT_EQ(del_mgpwdent("alice"), 1);
+    ASSERT_EQ(stored().size(), 1u);
+    EXPECT_STREQ(getmgpwdnam("bob")->name, "bob");
+
+    mgtest::write_file(path("mgpasswd"), std::string(150, 'x'), 0444);
+    errno = 0;
+    EXPECT_EQ(setmgpwdent(), -1);
+    EXPECT_EQ(errno, MG_ERR_PW_STORE);
+    EXPECT_EQ(add_mgpwdent(&a), -1) << "a damaged store is not overwritten";
+}
+
+TEST_F(SopassTest, KilledRewriteLeavesStoreOrPreviousGenerationWhole) {
+    std::vector<MGSecPasswd> big;
+    for (int i = 0; i < 3000; ++i) big.push_back(entry(("u" + std::to_string(i)).c_str()));
+    const std::string old_bytes = bytes_of(big);
+    MGSecPasswd changed = big[1500];
+    changed.flags |= MG_PW_LOCKED;
+    big[1500] = changed;
+    const std::string new_bytes = bytes_of(big);
+    auto op = [&] { update_mgpwdent(&changed); };
+    auto reset = [&] {
+        unlink(path("mgpasswd.old").c_str());
+        mgtest::write_file(path("mgpasswd"), old_bytes, 0444);
+    };
+    reset();
+    const long dur = mgtest::child_duration_us(op);
+    for (int i = 0; i <= 40; ++i) {
+        reset();
+        mgtest::crash_after(op, dur * i / 40);
+        const std::string now = read_file(path("mgpasswd"));
+        bool store_whole = (now == old_bytes || now == new_bytes) && mgtest::perms(path("mgpasswd")) == 0444;
+        bool old_whole = mgtest::exists(path("mgpasswd.old")) && read_file(path("mgpasswd.old")) == old_bytes &&
+                         mgtest::perms(path("mgpasswd.old")) == 0444;
+        EXPECT_TRUE(store_whole || old_whole) << "killed after " << dur * i / 40 << " us";
+    }
+}
+
+TEST_F(SopassTest, RacingRewritesFailAtOnceAndLeaveWholeEntries) {
+    MGSecPasswd a = entry("alice"), b = entry("bob");
+    put({a, b});
+    // A reader holding the store makes a rewrite fail at once with the lock error.
+    int sv[2];
+    ASSERT_EQ(pipe(sv), 0);
+    pid_t holder = fork();
+    if (holder == 0) {
+        setmgpwdent();
+        if (write(sv[1], "r", 1) != 1) _exit(1);
+        pause();
+        _exit(0);
+    }
+    char c;
+    ASSERT_EQ(read(sv[0], &c, 1), 1);
+    EXPECT_EQ(mgtest::run_in_child([] {
+        alarm(5);
+        return lock_mgpwdnam("alice") == -1 && errno == EAGAIN ? 0 : 1;
+    }), 0);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+
+    auto racer = [&](const char *name) {
+        return [name] {
+            alarm(20);
+            for (int i = 0; i < 40; ++i) {
+                int r = i % 2 ? lock_mgpwdnam(name) : unlock_mgpwdnam(name);
+                if (r != 1 && !(r == -1 && (errno == EAGAIN || errno == ENOENT || errno == MG_ERR_PW_STORE)))
+                    return 1;
+            }
+            return 0;
+        };
+    };
+    pid_t p1 = fork();
+    if (p1 == 0) _exit(racer("alice")());
+    int r2 = mgtest::run_in_child(racer("bob"));
+    int st = 0;
+    waitpid(p1, &st, 0);
+    EXPECT_EQ(WEXITSTATUS(st), 0);
+    EXPECT_EQ(r2, 0);
+    EXPECT_EQ(read_file(path("mgpasswd")).size() % sizeof(MGSecPasswd), 0u);
+    EXPECT_EQ(setmgpwdent(), 1);
+    endmgpwdent();
+    int fd = lckmgpwdf();
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(mgtest::file_mode(path(".mgpwd.lock")), 02600u);
+    EXPECT_EQ(mgtest::run_in_child([] { return lckmgpwdf() == -1 ? 0 : 1; }), 0);
+    EXPECT_EQ(ulckmgpwdf(fd), 1);
+    EXPECT_FALSE(mgtest::exists(path(".mgpwd.lock")));
+}
+
+// Types the lines at the prompts of input_newpw in a child on a fresh
+// pseudo-terminal; returns everything the terminal showed.
+std::string type_new_password(const char *line1, const char *line2, const std::string &expect) {
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        sigset_t usr1, m0, m1;
+        sigemptyset(&usr1);
+        sigaddset(&usr1, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &usr1, &m0);
+        struct termios t0, t1;
+        tcgetattr(0, &t0);
+        char buf[16] = {};
+        int rc = input_newpw(buf), err = errno;
+        tcgetattr(0, &t1);
+        sigprocmask(SIG_SETMASK, nullptr, &m1);
+        bool same_tty = t0.c_lflag == t1.c_lflag && t0.c_iflag == t1.c_iflag;
+        bool same_mask = sigismember(&m1, SIGUSR1) && !sigismember(&m1, SIGINT) && !sigismember(&m1, SIGTSTP);
+        printf("RESULT %d %d %d %d %d\n", rc, err, rc == 1 && expect == buf, same_tty, same_mask);
+        fflush(stdout);
+        _exit(0);
+    }
+    std::string shown;
+    auto read_until = [&](const std::string &text, size_t from = 0) {
+        char chunk[256];
+        while (shown.find(text, from) == std::string::npos) {
+            ssize_t n = read(master, chunk, sizeof chunk);
+            if (n <= 0) return;
+            shown.append(chunk, static_cast<size_t>(n));
+        }
+    };
+    read_until("Enter New Security Passwd : ");
+    EXPECT_GT(write(master, line1, strlen(line1)), 0);
+    read_until("Re-enter New Security Passwd : ");
+    EXPECT_GT(write(master, line2, strlen(line2)), 0);
+    read_until("RESULT");
+    read_until("\n", shown.find("RESULT"));
+    waitpid(pid, nullptr, 0);
+    char rest[256];
+    for (ssize_t n; (n = read(master, rest, sizeof rest)) > 0;) shown.append(rest, static_cast<size_t>(n));
+    close(master);
+    return shown;
+}
+
+TEST(SopassPrompt, NoEchoAttributesAndMaskRestored) {
+    const struct { const char *l1, *l2, *expect, *result; } cases[] = {
+        {"Abcdefghij12345678!!\n", "Abcdefghij12345XYZ\n", "Abcdefghij12345", "RESULT 1 0 1 1 1"},
+        {"Ab1!xyz\n", "Ab1!xyz\n", "", "RESULT -1 10070 0 1 1"},
+        {"Password1!\n", "Password2!\n", "", "RESULT -1 10071 0 1 1"},
+    };
+    for (const auto &c : cases) {
+        std::string shown = type_new_password(c.l1, c.l2, c.expect);
+        EXPECT_NE(shown.find(c.result), std::string::npos) << shown;
+        EXPECT_EQ(shown.find(std::string(c.l1, 6)), std::string::npos) << "echoed: " << shown;
+    }
+}
+
+TEST(SopassCheck, CryptHashesAndPasswordQuality) {
+    for (const char *prefix : {"$y$", "$6$"}) {
+        char salt[CRYPT_GENSALT_OUTPUT_SIZE];
+        ASSERT_NE(crypt_gensalt_rn(prefix, 0, nullptr, 0, salt, sizeof salt), nullptr);
+        std::string full = crypt("Secret#42", salt);
+        const std::string stored = full.substr(0, 44);  // what an entry holds
+        EXPECT_EQ(cmp_sopass(stored.c_str(), "Secret#42"), 1) << full;
+        EXPECT_EQ(cmp_sopass(stored.c_str(), "Secret#43"), 0) << full;
+    }
+    errno = 0;
+    EXPECT_EQ(cmp_sopass("", "x"), -1);
+    EXPECT_EQ(errno, MG_ERR_PW_NOTHING);
+    const struct { const char *text; int ok; } quality[] = {
+        {"abc123", 0}, {"abc123!", 1}, {"abc 123!", 0}, {"!!!123", 0}, {"abc!", 0}, {"a1\t!", 0},
+    };
+    for (const auto &q : quality) EXPECT_EQ(filter_password(q.text), q.ok) << q.text;
+    for (int i = 0; i < 200; ++i) EXPECT_TRUE(isalnum(static_cast<unsigned char>(ran_char())));
+}
+
+}  // namespace
