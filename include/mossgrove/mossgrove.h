@@ -8,4 +8,5 @@
 #include <mossgrove/sopass.h>
 #include <mossgrove/seclog.h>
 #include <mossgrove/config.h>
+#include <mossgrove/rules.h>
 #endif

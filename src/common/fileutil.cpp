@@ -93,6 +93,18 @@ void discard_temp(int fd, const char *tmp) noexcept {
     errno = saved;
 }
 
+int create_named_temp(const char *tmp) noexcept {
+    struct stat st;
+    if (lstat(tmp, &st) == 0 ? !S_ISREG(st.st_mode) : errno != ENOENT) return set_errno(MG_ERR_TEMPFILE);
+    int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return -1;
+    if (fchmod(fd, 0444) != 0) {
+        discard_temp(fd, tmp);
+        return -1;
+    }
+    return fd;
+}
+
 int install_temp(int fd, const char *tmp, const char *target) noexcept {
     if (fsync(fd) != 0) {
         discard_temp(fd, tmp);

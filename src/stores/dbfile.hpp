@@ -6,6 +6,7 @@
 
 #include "common/fileio.hpp"
 #include "common/root.hpp"
+#include "common/textbuf.hpp"
 
 #include <cstddef>
 
@@ -18,11 +19,13 @@ extern char g_szCatPath[MG_PATH_MAX];     // <root>/data/mls_cat
 extern char g_szCatBakPath[MG_PATH_MAX];  // <root>/data/.mls_cat_bak
 
 // The root and file helpers every store uses, from the common layer.
+using mg::fileio::create_named_temp;
 using mg::fileio::install_temp;
 using mg::fileio::read_all;
 using mg::fileio::write_all;
 using mg::root::build_store_path;
 using mg::root::strip_root_slash;
+using mg::TextBuf;
 
 // Store rewrite, step "temporary file": builds "<store>.<time>XXXXXX" into tmp
 // and creates it with mkstemp. Returns the descriptor, or -1 (errno 10017 when
