@@ -116,4 +116,42 @@ MG_SANDBOX_TEST(Mgctl, LogStatusAndSessions) {
     EXPECT_TRUE(has(sessions, "alice                   2                1")) << sessions.out;
 }
 
+MG_SANDBOX_TEST(Mgctl, LabelDatabasesThroughTheLibrary) {
+    sb.add_user("alice", 7001, 7000);
+    sb.add_user("bob", 7002, 7000);
+    const std::string root = sb.scratch() + "/root";
+    mkdir(root.c_str(), 0755);
+    mkdir((root + "/data").c_str(), 0755);
+    mkdir((root + "/etc").c_str(), 0755);  // the security password store
+    ASSERT_EQ(0, mgsim_use_state((sb.scratch() + "/state").c_str()));
+    ASSERT_EQ(0, mgsim_set_status(1));
+    auto run = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--root", root});
+        return mgctl(args);
+    };
+    EXPECT_EQ(run({"categories", "add", "finance", "--role", "MU"}).status, 0);
+    EXPECT_EQ(run({"categories", "add", "payroll", "--parent", "finance"}).status, 0);
+    Run tree = run({"categories"});
+    EXPECT_TRUE(has(tree, "  finance (id 3, role MU)\n    payroll (id 4, role MU)")) << tree.out;
+    EXPECT_TRUE(has(run({"categories", "--json"}), "{\"id\":4,\"name\":\"payroll\",\"depth\":2,\"parent\":3"));
+
+    EXPECT_EQ(run({"users", "add", "alice", "--role", "SO", "--level", "7", "--category", "finance"}).status, 0);
+    EXPECT_EQ(run({"users", "add", "bob", "--role", "MU", "--level", "2", "--category", "payroll"}).status, 0);
+    Run changed = run({"users", "mod", "bob", "--level", "3", "--lock"});
+    EXPECT_EQ(changed.status, 0) << changed.out;
+    EXPECT_TRUE(has(run({"users", "--json"}),
+                    "{\"name\":\"bob\",\"uid\":7002,\"role\":\"MU\",\"level\":3,\"category\":\"payroll\",\"retry\":5,"
+                    "\"locked\":true}"));
+    Run refused = run({"users", "del", "alice"});  // the last security officer
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(has(refused, "MOSSGROVE: alice: ") && has(refused, "(10033: ")) << refused.out;
+    EXPECT_EQ(run({"users", "add", "alice", "--role", "boss"}).status, 2);
+
+    EXPECT_EQ(run({"transitions", "add", "bob", "--word", "7"}).status, 0);
+    EXPECT_TRUE(has(run({"transitions"}), "bob                          7002 7"));
+    EXPECT_EQ(run({"transitions", "del", "bob"}).status, 0);
+    EXPECT_FALSE(has(run({"transitions"}), "bob"));
+    mgsim_use_state(nullptr);
+}
+
 }  // namespace

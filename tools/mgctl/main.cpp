@@ -62,9 +62,43 @@ int usage_error(const std::string &text) {
     return kUsage;
 }
 
+namespace {
+
+// What the library's codes without a text of their own mean, for the line
+// after the library's "undefined error code" line.
+const std::map<int, const char *> kCodeMeaning = {
+    {10001, "the account database is empty"}, {10002, "the account database grew while it was read"},
+    {10012, "the kernel's MLS user list could not be read"}, {10015, "the kernel's category list could not be read"},
+    {10016, "nothing to write"}, {10017, "the temporary file could not be made"},
+    {10018, "the store could not be replaced"}, {10019, "the kernel module refused the MLS user table"},
+    {10020, "the kernel module refused the category table"}, {10021, "more MLS users than counted"},
+    {10022, "fewer than two categories in the kernel module"},
+    {10023, "the MLS user store could not be loaded into the kernel module (is there a store?)"},
+    {10024, "the category store could not be loaded into the kernel module"},
+    {10028, "the uid and the name do not belong together"}, {10029, "the account is already an MLS user"},
+    {10030, "the account is not an MLS user"}, {10031, "the account is not in the list"},
+    {10033, "the change would leave no security officer"},
+    {10034, "the category does not exist, or a user without a category is not an MU"},
+    {10035, "uid 0 cannot be made an MLS user"}, {10036, "bad role"}, {10037, "bad security level"},
+    {10038, "bad category id"}, {10039, "the default categories cannot be deleted"},
+    {10040, "no free category id"}, {10041, "the category tree would be too deep"},
+    {10052, "the transition list is empty"}, {10053, "no such entry in the transition list"},
+    {10057, "the transition list is full (20 entries)"}, {10058, "the account is already listed"},
+    {10060, "the kernel module refused the transition list"},
+    {10073, "a rule file is malformed or unreadable"}, {10074, "invalid header or protected path"},
+    {10075, "invalid rule entry"}, {10076, "no such entry in the kernel module"},
+    {10077, "the entry already exists"}, {10081, "the table is full"}, {10084, "no policy group with that number"},
+    {10101, "the kernel module is not loaded"},
+};
+
+}  // namespace
+
 int library_error(const char *what) {
+    const int code = errno;
     std::fflush(stdout);
     err_ret("%s", what);
+    auto meaning = kCodeMeaning.find(code);
+    if (meaning != kCodeMeaning.end()) std::printf("  (%d: %s)\n", code, meaning->second);
     return kFailed;
 }
 
@@ -123,6 +157,13 @@ Commands:
                          dry run of the PAM module's account decision and
                          session limits, with the steps that led to them
   sessions [USER]        the login sessions the limits count, from utmpx
+  users [list [--all] [--json] | add|mod|del NAME [--role MU|SA|SO] [--level N]
+        [--category C] [--retry N] [--lock|--unlock]]
+                         MLS users
+  categories [list [--json] | add NAME [--parent C] [--role R] | del C]
+                         categories, as a tree
+  transitions [list [--json] | add|del ACCOUNT [--word N]]
+                         the root-to-user transition list
   lint                   check the configuration and rule files
   log show [--since T] [--until T] [--grep TEXT] [--json]
   log size | backup | reduce | clear
@@ -155,6 +196,23 @@ const std::map<std::string, const char *> kCommandHelp = {
     {"lint",
      "usage: mgctl lint\nChecks pam_acl.conf, the access rule files, the session files and mgopt.conf;\n"
      "prints FILE:LINE: error|warning: message. Exit status 1 when there is an error.\n"},
+    {"users",
+     "usage: mgctl users [list] [--all] [--json]\n"
+     "       mgctl users add|mod NAME [--role MU|SA|SO] [--level 0-7] [--category NAME|ID]\n"
+     "                               [--retry 1-99] [--lock|--unlock]\n"
+     "       mgctl users del NAME\n"
+     "Lists the MLS users (every account with --all), or adds, changes or deletes one,\n"
+     "in the kernel module's table and the store, with its security password entry.\n"},
+    {"categories",
+     "usage: mgctl categories [list] [--json]\n"
+     "       mgctl categories add NAME [--parent NAME|ID] [--role UX|MU|SA|SO]\n"
+     "       mgctl categories del NAME|ID\n"
+     "Lists the categories as a tree, or adds one under a parent (the root by default)\n"
+     "or deletes one (its children and users are left as they are).\n"},
+    {"transitions",
+     "usage: mgctl transitions [list] [--json]\n"
+     "       mgctl transitions add|del ACCOUNT [--word N]\n"
+     "Lists, adds to or deletes from the root-to-user transition list (at most 20).\n"},
     {"log",
      "usage: mgctl log show [--since T] [--until T] [--grep TEXT] [--json]\n"
      "       mgctl log size | backup | reduce | clear\n"
@@ -229,6 +287,9 @@ int main(int argc, char **argv) {
         return command == "status" ? cmd_status() : cmd_control(command);
     }
     if (command == "log") return cmd_log(rest);
+    if (command == "users") return cmd_users(rest);
+    if (command == "categories") return cmd_categories(rest);
+    if (command == "transitions") return cmd_transitions(rest);
     if (command == "check") return cmd_check(Args(rest, {"service", "user", "rhost", "tty", "ruser", "at", "phase"}, {}));
     if (command == "sessions") return cmd_sessions(Args(rest, {}, {}));
     return cmd_lint(Args(rest, {}, {}));

@@ -49,5 +49,8 @@ int cmd_check(const Args &args);
 int cmd_sessions(const Args &args);
 int cmd_log(const std::vector<std::string> &words);
 int cmd_lint(const Args &args);
+int cmd_users(const std::vector<std::string> &words);
+int cmd_categories(const std::vector<std::string> &words);
+int cmd_transitions(const std::vector<std::string> &words);
 
 }  // namespace mgctl
