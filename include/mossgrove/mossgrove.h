@@ -9,4 +9,5 @@
 #include <mossgrove/seclog.h>
 #include <mossgrove/config.h>
 #include <mossgrove/rules.h>
+#include <mossgrove/modctl.h>
 #endif

@@ -149,6 +149,29 @@ TEST_F(FileAcl, FileLoadsDumpsAndLoadsBackUnchanged) {
     EXPECT_EQ(mgtest::read_file(file("acl_file")), "");
 }
 
+TEST_F(FileAcl, NamesWinOverStoredNumbersInLargeLoads) {
+    // Enough records that the load looks names up through its index of the
+    // account database.
+    std::string text;
+    for (int i = 0; i < 40; ++i) {
+        const std::string path = dir / ("f" + std::to_string(i));
+        mgtest::write_file(path, "x");
+        text += record(path, "2\n0\n0\n0\n1:77:root:::r\n16:77:" + std::string(i % 2 ? "root" : "no-such-group-x") +
+                                 ":::r\n");
+    }
+    mgtest::write_file(file("acl_file"), text);
+    ASSERT_EQ(load_file_acl(), 0);
+    for (int i : {0, 1, 38, 39}) {
+        faclhdr h{};
+        strcpy(h.path, (dir / ("f" + std::to_string(i))).c_str());
+        rulentry *e = nullptr;
+        ASSERT_EQ(get_file_acl(&h, &e), 0);
+        EXPECT_EQ(e[0].id, 0u);
+        EXPECT_EQ(e[1].id, i % 2 ? 0u : 0xffffffffu);
+        free(e);
+    }
+}
+
 TEST_F(FileAcl, AMalformedFileAtAnyLineLeavesTheTableEmpty) {
     const std::string good = two();
     // Cut the file after each line of the second record but its last.
