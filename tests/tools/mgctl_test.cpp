@@ -151,6 +151,12 @@ MG_SANDBOX_TEST(Mgctl, LabelDatabasesThroughTheLibrary) {
     EXPECT_TRUE(has(run({"transitions"}), "bob                          7002 7"));
     EXPECT_EQ(run({"transitions", "del", "bob"}).status, 0);
     EXPECT_FALSE(has(run({"transitions"}), "bob"));
+
+    EXPECT_EQ(run({"stop"}).status, 0);
+    EXPECT_TRUE(has(run({"status"}), "kernel module: stopped"));
+    EXPECT_TRUE(has(run({"start"}), "start: done"));
+    EXPECT_TRUE(has(run({"status"}), "kernel module: running"));
+    EXPECT_TRUE(has(run({"start"}), "nothing to do"));
     mgsim_use_state(nullptr);
 }
 

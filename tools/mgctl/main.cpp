@@ -8,6 +8,7 @@
 
 #include <mossgrove/common.h>
 #include <mossgrove/kernel.h>
+#include <mossgrove/modctl.h>
 #include <mossgrove/seclog.h>
 
 #include <cerrno>
@@ -150,6 +151,9 @@ const char *const kHelp = R"(usage: mgctl [--root DIR] [--pam-dir DIR] [--utmp F
 
 Commands:
   status                 the kernel module's state and version
+  start                  fill every empty kernel table from its store, then
+                         switch enforcement on
+  stop                   save the setuid ACL, then switch enforcement off
   suspend                suspend the kernel module
   sync                   write the kernel's file and directory label snapshots
   check --service S --user U [--rhost H] [--tty T] [--ruser R]
@@ -181,6 +185,11 @@ Exit status: 0 ok (for check: allowed), 1 failure (refused), 2 usage error.
 
 const std::map<std::string, const char *> kCommandHelp = {
     {"status", "usage: mgctl status\nPrints the kernel module's state (running, stopped, suspended, not loaded) and version.\n"},
+    {"start",
+     "usage: mgctl start\nFills every kernel table that is still empty from its store (MLS users and\n"
+     "categories must load; the others are best effort, reported to syslog), then\n"
+     "switches enforcement on. A running module is left as it is.\n"},
+    {"stop", "usage: mgctl stop\nSaves the setuid ACL the kernel gathered, then switches enforcement off.\n"},
     {"suspend", "usage: mgctl suspend\nSuspends the kernel module's enforcement.\n"},
     {"sync", "usage: mgctl sync\nWrites the kernel's file and directory labels to <root>/data/mls_file and mls_dir.\n"},
     {"check",
@@ -239,9 +248,15 @@ int cmd_status() {
 }
 
 int cmd_control(const std::string &name) {
-    int rc = name == "suspend" ? module_suspend() : module_sync();
+    MGModuleInfo info;
+    std::memset(&info, 0, sizeof info);
+    int rc = name == "start"     ? module_start(&info)
+             : name == "stop"    ? module_stop()
+             : name == "suspend" ? module_suspend()
+                                 : module_sync();
     if (rc < 0) return library_error(name.c_str());
-    std::printf("%s: done\n", name.c_str());
+    const bool already = rc == 1 && (name == "start" || name == "stop" || name == "suspend");
+    std::printf("%s: %s\n", name.c_str(), already ? "nothing to do, the module already was in that state" : "done");
     return kOk;
 }
 
@@ -282,7 +297,7 @@ int main(int argc, char **argv) {
             return kOk;
         }
 
-    if (command == "status" || command == "suspend" || command == "sync") {
+    if (command == "status" || command == "start" || command == "stop" || command == "suspend" || command == "sync") {
         if (!rest.empty()) return usage_error(command + " takes no arguments");
         return command == "status" ? cmd_status() : cmd_control(command);
     }
