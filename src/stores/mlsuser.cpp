@@ -159,7 +159,7 @@ int addmuent(const MGMlsUser *record) noexcept {
     const size_t n = rw.size() / kRec;
     Out out;
     if (!out.reserve(n + 1)) return set_errno(ENOMEM);
-    memcpy(out.buf.p, rw.data(), n * kRec);
+    if (n > 0) memcpy(out.buf.p, rw.data(), n * kRec);
     out.count = n;
     out.add(u);
     if (rw.commit(out.buf.p, out.bytes(), kernel_load) != 0) return -1;
