@@ -105,7 +105,7 @@ struct Out {
     size_t bytes() const noexcept { return count * kRec; }
 };
 
-// The account list plus the kernel list of one management call.
+// A malloc'ed list of MLS user records, freed on scope exit.
 struct Lists {
     MGMlsUser *users = nullptr;
     int count = 0;
