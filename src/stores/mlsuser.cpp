@@ -305,7 +305,7 @@ int get_mulist_pw(MGMlsUser **list, int *count) noexcept {
     const long today = now < 0 ? 0 : static_cast<long>(now / 86400);
     const int n = get_num_pw();
     if (n <= 0) return set_errno(MG_ERR_PW_EMPTY);
-    MallocPtr buf(calloc(static_cast<size_t>(n), kRec));
+    MallocPtr buf(mg::stores::alloc_records(static_cast<size_t>(n), kRec));
     if (buf.p == nullptr) return set_errno(MG_ERR_PW_NOMEM);
     mg::stores::GroupNames groups;
     mg::stores::ShadowIndex shadow;
@@ -350,7 +350,7 @@ int get_mulist_kern(MGMlsUser **list, int *count, int mode) noexcept {
     }
     if (n == 0) return 0;
     if (n < 0) return -1;
-    MallocPtr buf(calloc(static_cast<size_t>(n), kRec));
+    MallocPtr buf(mg::stores::alloc_records(static_cast<size_t>(n), kRec));
     if (buf.p == nullptr) return set_errno(MG_ERR_KLIST_NOMEM);
     int filled = n;
     if (_sys_getmu_list(buf.p, &filled) < 0) return set_errno(MG_ERR_MU_KLIST);
