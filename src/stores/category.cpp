@@ -232,7 +232,7 @@ int addcatent(MGCategory *record) noexcept {
     size_t keep = rw.size() / kRec * kRec;
     MallocPtr out(malloc(keep + kRec));
     if (out.p == nullptr) return set_errno(ENOMEM);
-    memcpy(out.as<char>(), rw.data(), keep);
+    if (keep > 0) memcpy(out.as<char>(), rw.data(), keep);
     memcpy(out.as<char>() + keep, record, kRec);
     return rw.commit(out.p, keep + kRec, kernel_load) == 0 ? 1 : -1;
 }

@@ -105,7 +105,7 @@ struct Out {
     size_t bytes() const noexcept { return count * kRec; }
 };
 
-// The account list plus the kernel list of one management call.
+// A malloc'ed list of MLS user records, freed on scope exit.
 struct Lists {
     MGMlsUser *users = nullptr;
     int count = 0;
@@ -159,7 +159,7 @@ int addmuent(const MGMlsUser *record) noexcept {
     const size_t n = rw.size() / kRec;
     Out out;
     if (!out.reserve(n + 1)) return set_errno(ENOMEM);
-    memcpy(out.buf.p, rw.data(), n * kRec);
+    if (n > 0) memcpy(out.buf.p, rw.data(), n * kRec);
     out.count = n;
     out.add(u);
     if (rw.commit(out.buf.p, out.bytes(), kernel_load) != 0) return -1;
@@ -305,7 +305,7 @@ int get_mulist_pw(MGMlsUser **list, int *count) noexcept {
     const long today = now < 0 ? 0 : static_cast<long>(now / 86400);
     const int n = get_num_pw();
     if (n <= 0) return set_errno(MG_ERR_PW_EMPTY);
-    MallocPtr buf(calloc(static_cast<size_t>(n), kRec));
+    MallocPtr buf(mg::stores::alloc_records(static_cast<size_t>(n), kRec));
     if (buf.p == nullptr) return set_errno(MG_ERR_PW_NOMEM);
     mg::stores::GroupNames groups;
     mg::stores::ShadowIndex shadow;
@@ -350,7 +350,7 @@ int get_mulist_kern(MGMlsUser **list, int *count, int mode) noexcept {
     }
     if (n == 0) return 0;
     if (n < 0) return -1;
-    MallocPtr buf(calloc(static_cast<size_t>(n), kRec));
+    MallocPtr buf(mg::stores::alloc_records(static_cast<size_t>(n), kRec));
     if (buf.p == nullptr) return set_errno(MG_ERR_KLIST_NOMEM);
     int filled = n;
     if (_sys_getmu_list(buf.p, &filled) < 0) return set_errno(MG_ERR_MU_KLIST);

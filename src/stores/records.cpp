@@ -7,10 +7,12 @@
 #include "stores/dbfile.hpp"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace mg::stores {
@@ -24,6 +26,18 @@ void keep_errno_close(int fd) noexcept {
 }
 
 }  // namespace
+
+void *alloc_records(size_t n, size_t size) noexcept {
+    void *p = calloc(n, size);
+    constexpr uintptr_t kHuge = 2u << 20;
+    if (p != nullptr && n * size >= 2 * kHuge) {
+        uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + kHuge - 1) & ~(kHuge - 1);
+        uintptr_t end = (reinterpret_cast<uintptr_t>(p) + n * size) & ~(kHuge - 1);
+        // Advice only: without huge pages the list works the same.
+        if (end > begin) madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
+    }
+    return p;
+}
 
 bool module_loaded() noexcept { return get_module_status() != MG_STATUS_ABSENT; }
 
