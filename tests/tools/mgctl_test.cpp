@@ -160,4 +160,78 @@ MG_SANDBOX_TEST(Mgctl, LabelDatabasesThroughTheLibrary) {
     mgsim_use_state(nullptr);
 }
 
+MG_SANDBOX_TEST(Mgctl, RuleStoresThroughTheLibrary) {
+    sb.add_group("staff", 7000, {});
+    sb.add_user("alice", 7001, 7000);
+    const std::string root = sb.scratch() + "/root", prog = sb.scratch() + "/prog";
+    mkdir(root.c_str(), 0755);
+    mkdir((root + "/data").c_str(), 0755);
+    mgtest::write_file(prog, "#!/bin/sh\n");
+    ASSERT_EQ(0, mgsim_use_state((sb.scratch() + "/state").c_str()));
+    ASSERT_EQ(0, mgsim_set_status(1));
+    struct Step {
+        std::vector<std::string> args;
+        int status;
+        std::string shows;
+    };
+    // Lists that must show the same after a fresh kernel loads the store files.
+    const std::vector<Step> lists = {
+        {{"facl", "--json"}, 0, R"({"path":"/etc/shadow","mode":1,"flag":0,"polgrp":3,"rules":["1:7001:alice:::rw"]})"},
+        {{"fgroups"}, 0, "   1 web                                2      0\n    rule 16:7000:staff:::r\n    member 1:" +
+                             root},
+        {{"kill-acl", "--json"}, 0, R"({"path":"/usr/sbin/sshd","flag":1,"deny":"KILL:TERM"})"},
+        {{"setuid-acl"}, 0, "   1 " + prog},
+        {{"services", "user", "--json"}, 0,
+         R"({"kind":"user","id":7001,"name":"alice","rules":["sshd:1:0:10.0.0.1"]})"},
+        {{"commands"}, 0, "       1 /bin/sh\n       0 /bin/su\n"},
+        {{"allowed-commands", "--json"}, 0, R"({"path":"/bin/ls","opt1":1,"opt2":7,"opt3":3,"opt4":1})"},
+        {{"policy-groups", "--json"}, 0, R"({"id":1,"name":"www"})"},
+    };
+    const std::vector<Step> changes = {
+        {{"facl", "add", "/etc/shadow", "--rule", "1:7001:alice:::rw"}, 0, "/etc/shadow: added"},
+        {{"facl", "mod", "/etc/shadow", "--mode", "1", "--polgrp", "3"}, 0, "/etc/shadow: changed"},
+        {{"facl", "add", "/etc/passwd", "--rule", "1:7001:bob:::r"}, 1, "(10075: "},  // not that uid's name
+        {{"facl", "add", "/etc/passwd", "--rule", "1:7001:alice:::R"}, 2, "not a rule line"},
+        {{"fgroups", "add", "web", "--rule", "16:7000:staff:::r", "--member", "1:" + root}, 0, "web (id 1): added"},
+        {{"fgroups", "mod", "web", "--mode", "2"}, 0, "web: changed"},
+        {{"fgroups", "del", "www"}, 1, "no file group www"},
+        {{"kill-acl", "add", "/usr/sbin/sshd", "--deny", "KILL:TERM"}, 0, "added"},
+        {{"kill-acl", "mod", "/usr/sbin/sshd", "--flag", "1"}, 0, "changed"},
+        {{"kill-acl", "add", "/usr/sbin/sshd", "--deny", "ALL"}, 1, "(10077: "},
+        {{"kill-acl", "add", "/bin/x", "--deny", "kill"}, 2, "--deny takes"},
+        {{"setuid-acl", "add", prog, "--flag", "1"}, 0, "added"},
+        {{"setuid-acl", "add", prog + ".gone"}, 1, "(10078: "},
+        {{"services", "user", "set", "alice", "--rule", "sshd:1:0:10.0.0.1"}, 0, "user alice rules: set"},
+        {{"services", "group", "set", "nosuch", "--rule", "sshd:1:0:0.0.0.0"}, 1, "no group nosuch"},
+        {{"services", "default", "set", "--rule", "sshd:1:0"}, 2, "not a rule line"},
+        {{"commands", "add", "/bin/su"}, 0, "added"},
+        {{"commands", "add", "/bin/sh", "--priority", "1"}, 0, "added"},
+        {{"commands", "del", "/bin/zz"}, 1, "(10050: "},
+        {{"allowed-commands", "add", "/bin/ls", "1:7:3:1"}, 0, "added"},
+        {{"allowed-commands", "add", "/bin/x", "1:7:8:1"}, 1, "not a valid allowed command entry"},
+        {{"allowed-commands", "add", "/bin/x", "1:7"}, 2, "not OPT1"},
+        {{"policy-groups", "add", "web"}, 0, "web (id 1): added"},
+        {{"policy-groups", "mod", "1", "www"}, 0, "1: changed"},
+        {{"policy-groups", "del", "2"}, 1, "(10084: "},
+    };
+    auto run = [&](const std::vector<Step> &steps) {
+        for (const Step &step : steps) {
+            std::vector<std::string> args = step.args;
+            args.insert(args.begin(), {"--root", root});
+            Run r = mgctl(args);
+            EXPECT_EQ(r.status, step.status) << args[2] << " " << r.out;
+            EXPECT_TRUE(has(r, step.shows)) << step.shows << "\n" << r.out;
+        }
+    };
+    run(changes);
+    run(lists);
+    ASSERT_EQ(0, mgsim_reset());
+    ASSERT_EQ(0, mgsim_set_status(1));
+    run(lists);
+    for (const char *command : {"facl", "fgroups", "kill-acl", "setuid-acl", "services", "commands",
+                                "allowed-commands", "policy-groups"})
+        EXPECT_TRUE(has(mgctl({command, "--help"}), std::string("usage: mgctl ") + command)) << command;
+    mgsim_use_state(nullptr);
+}
+
 }  // namespace

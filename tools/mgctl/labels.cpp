@@ -26,14 +26,6 @@ int parse_role(const char *text) {
     return -1;
 }
 
-bool parse_int(const char *text, int low, int high, int *out) {
-    char *end = nullptr;
-    long v = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || v < low || v > high) return false;
-    *out = static_cast<int>(v);
-    return true;
-}
-
 // A category given by name or id; -1 when there is none.
 int category_id(const char *text) {
     int id;

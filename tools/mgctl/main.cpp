@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -58,6 +59,25 @@ const char *Args::value(std::string_view name) const {
     return nullptr;
 }
 
+std::vector<std::string> Args::values(std::string_view name) const {
+    std::vector<std::string> out;
+    for (const auto &[k, v] : options_)
+        if (k == name) out.push_back(v);
+    return out;
+}
+
+bool parse_int(const char *text, int low, int high, int *out) {
+    char *end = nullptr;
+    const int saved = errno;  // a library code may still be waiting to be reported
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    const bool range = errno == 0;
+    errno = saved;
+    if (end == text || *end != '\0' || !range || v < low || v > high) return false;
+    *out = static_cast<int>(v);
+    return true;
+}
+
 int usage_error(const std::string &text) {
     std::fprintf(stderr, "mgctl: %s (see mgctl --help)\n", text.c_str());
     return kUsage;
@@ -83,12 +103,21 @@ const std::map<int, const char *> kCodeMeaning = {
     {10035, "uid 0 cannot be made an MLS user"}, {10036, "bad role"}, {10037, "bad security level"},
     {10038, "bad category id"}, {10039, "the default categories cannot be deleted"},
     {10040, "no free category id"}, {10041, "the category tree would be too deep"},
+    {10043, "the restricted command list is empty"}, {10044, "missing argument"},
+    {10045, "a restricted command record is cut short"}, {10046, "out of memory"},
+    {10048, "the restricted command list is full (50 commands)"},
+    {10049, "the command is already in the list"}, {10050, "the command is not in the list"},
+    {10051, "the kernel module refused the restricted command list; the file is unchanged"},
     {10052, "the transition list is empty"}, {10053, "no such entry in the transition list"},
     {10057, "the transition list is full (20 entries)"}, {10058, "the account is already listed"},
     {10060, "the kernel module refused the transition list"},
-    {10073, "a rule file is malformed or unreadable"}, {10074, "invalid header or protected path"},
+    {10072, "the rule file does not exist"}, {10073, "a rule file is malformed or unreadable"},
+    {10074, "invalid header or protected path"},
     {10075, "invalid rule entry"}, {10076, "no such entry in the kernel module"},
-    {10077, "the entry already exists"}, {10081, "the table is full"}, {10084, "no policy group with that number"},
+    {10077, "the entry already exists"},
+    {10078, "the kernel module found no such program, user, group or category"},
+    {10079, "invalid group member path"}, {10080, "writing the store file failed"}, {10081, "the table is full"},
+    {10084, "no policy group with that number"},
     {10101, "the kernel module is not loaded"},
 };
 
@@ -168,6 +197,22 @@ Commands:
                          categories, as a tree
   transitions [list [--json] | add|del ACCOUNT [--word N]]
                          the root-to-user transition list
+  facl [list [--json] | add|mod PATH --rule R... | del PATH]
+                         the file ACL
+  fgroups [list [--json] | add NAME | mod ID|NAME | del ID|NAME]
+                         file groups, with their rules and member paths
+  kill-acl [list [--json] | add|mod PATH --deny SIGNALS | del PATH]
+                         signals refused to a program
+  setuid-acl [list [--json] | add|mod|del PATH [--flag 0|1] | find DIR]
+                         the setuid ACL
+  services user|group|default [list [--json] | set [NAME] --rule R... | del [NAME]
+        | clear]         service restriction rules
+  commands [list [--json] | add|mod|del COMMAND [--priority N] | clear]
+                         restricted commands
+  allowed-commands [list [--json] | add|mod PATH OPT1:OPT2:OPT3:OPT4 | del PATH
+        | clear]         allowed commands
+  policy-groups [list [--json] | add NAME | mod ID NAME | del ID]
+                         policy groups
   lint                   check the configuration and rule files
   log show [--since T] [--until T] [--grep TEXT] [--json]
   log size | backup | reduce | clear
@@ -222,6 +267,73 @@ const std::map<std::string, const char *> kCommandHelp = {
      "usage: mgctl transitions [list] [--json]\n"
      "       mgctl transitions add|del ACCOUNT [--word N]\n"
      "Lists, adds to or deletes from the root-to-user transition list (at most 20).\n"},
+    {"facl",
+     "usage: mgctl facl [list] [--json]\n"
+     "       mgctl facl add|mod PATH [--rule RULE]... [--mode 0-2] [--flag 0|1] [--polgrp 0-512]\n"
+     "       mgctl facl del PATH\n"
+     "Lists the file ACL (each protected path with its rule lines), or adds, changes\n"
+     "or deletes the entry of a path, in the kernel module's table and then in\n"
+     "<root>/data/acl_file. A RULE is a line of the store file,\n"
+     "TYPE:ID:NAME:PROGRAM:ADDRESS:PERMS, for example 1:500:user1:/usr/bin/vi::rwx\n"
+     "(type 0 everyone, 1 user, 2 category, 4 role, 16 group; permissions from\n"
+     "omcdnrwx). An entry needs 1 to 32 rules; mod keeps what is not given, and\n"
+     "--rule there replaces every rule.\n"},
+    {"fgroups",
+     "usage: mgctl fgroups [list] [--json]\n"
+     "       mgctl fgroups add NAME [--rule RULE]... [--member PATH|FLAG:PATH]... [--mode 0-2]\n"
+     "                              [--polgrp 0-512]\n"
+     "       mgctl fgroups mod ID|NAME [--name NEW] [--rule RULE]... [--member ...]... [...]\n"
+     "       mgctl fgroups del ID|NAME\n"
+     "Lists the file groups, or creates (the kernel numbers it), changes or deletes\n"
+     "one, in the kernel module's table and then in <root>/data/acl_fgroup. Rules are\n"
+     "written as for facl; a member path has flag 0 unless given as FLAG:PATH. mod keeps\n"
+     "what is not given; --rule or --member there replaces all rules or members.\n"},
+    {"kill-acl",
+     "usage: mgctl kill-acl [list] [--json]\n"
+     "       mgctl kill-acl add PATH --deny SIGNALS [--flag 0|1]\n"
+     "       mgctl kill-acl mod PATH [--deny SIGNALS] [--flag 0|1]\n"
+     "       mgctl kill-acl del PATH\n"
+     "Lists or changes the signals that may not be sent to a program, in the kernel\n"
+     "module's table and then in <root>/data/acl_kill. SIGNALS are names joined by\n"
+     "':' from HUP KILL TERM STOP CONT USR1 USR2 ETC (every other signal), or ALL.\n"},
+    {"setuid-acl",
+     "usage: mgctl setuid-acl [list] [--json]\n"
+     "       mgctl setuid-acl add|mod|del PATH [--flag 0|1]\n"
+     "       mgctl setuid-acl find DIR\n"
+     "Lists or changes the setuid ACL, in the kernel module's table and then in\n"
+     "<root>/data/acl_setuid (a program must exist to be added). find prints every\n"
+     "set-user-id or set-group-id file below DIR.\n"},
+    {"services",
+     "usage: mgctl services user|group|default [list] [--json]\n"
+     "       mgctl services user|group set NAME --rule RULE...\n"
+     "       mgctl services default set --rule RULE...\n"
+     "       mgctl services user|group del NAME | default del\n"
+     "       mgctl services user|group|default clear\n"
+     "Lists the service restriction rules of one set, or sets (adds or replaces)\n"
+     "the rules of an account, a group or the default, deletes them, or clears the\n"
+     "set, in the kernel module and then in <root>/data/alsvc_user, alsvc_group or\n"
+     "alsvc_def. A RULE is a rule line of those files, SERVICE:VALUE1:VALUE2:ADDRESS,\n"
+     "for example sshd:1:0:10.0.0.1.\n"},
+    {"commands",
+     "usage: mgctl commands [list] [--json]\n"
+     "       mgctl commands add|mod COMMAND [--priority N]\n"
+     "       mgctl commands del COMMAND | clear\n"
+     "Lists or changes the restricted command list <root>/data/cmd_file (at most 50),\n"
+     "which is loaded into the kernel module after every change. Priority 1 places a\n"
+     "command ahead of those of priority 0.\n"},
+    {"allowed-commands",
+     "usage: mgctl allowed-commands [list] [--json]\n"
+     "       mgctl allowed-commands add|mod PATH OPT1:OPT2:OPT3:OPT4\n"
+     "       mgctl allowed-commands del PATH | clear\n"
+     "Lists or changes the allowed command list (at most 50), in the kernel module\n"
+     "and then in <root>/data/alcmd_file. The numbers are those of the file's line:\n"
+     "OPT1 1-3; OPT2 0 or 1 (OPT3 and OPT4 0), 7 (OPT3 1-7, OPT4 1) or 6 (OPT3 1-7,\n"
+     "OPT4 2 or a category of type 2).\n"},
+    {"policy-groups",
+     "usage: mgctl policy-groups [list] [--json]\n"
+     "       mgctl policy-groups add NAME | mod ID NAME | del ID\n"
+     "Lists or changes the policy groups of <root>/data/policy_group; a new group\n"
+     "gets the lowest free number (1 to 512).\n"},
     {"log",
      "usage: mgctl log show [--since T] [--until T] [--grep TEXT] [--json]\n"
      "       mgctl log size | backup | reduce | clear\n"
@@ -305,6 +417,14 @@ int main(int argc, char **argv) {
     if (command == "users") return cmd_users(rest);
     if (command == "categories") return cmd_categories(rest);
     if (command == "transitions") return cmd_transitions(rest);
+    if (command == "facl") return cmd_facl(rest);
+    if (command == "fgroups") return cmd_fgroups(rest);
+    if (command == "kill-acl") return cmd_kill_acl(rest);
+    if (command == "setuid-acl") return cmd_setuid_acl(rest);
+    if (command == "services") return cmd_services(rest);
+    if (command == "commands") return cmd_commands(rest);
+    if (command == "allowed-commands") return cmd_allowed_commands(rest);
+    if (command == "policy-groups") return cmd_policy_groups(rest);
     if (command == "check") return cmd_check(Args(rest, {"service", "user", "rhost", "tty", "ruser", "at", "phase"}, {}));
     if (command == "sessions") return cmd_sessions(Args(rest, {}, {}));
     return cmd_lint(Args(rest, {}, {}));

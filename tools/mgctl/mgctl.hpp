@@ -24,6 +24,8 @@ public:
     bool flag(std::string_view name) const;
     // Value of a "--name value" option, or nullptr.
     const char *value(std::string_view name) const;
+    // Every value of an option that may be given more than once, in order.
+    std::vector<std::string> values(std::string_view name) const;
     const std::vector<std::string> &positional() const { return positional_; }
 
 private:
@@ -42,6 +44,8 @@ int library_error(const char *what);
 bool load_options(MGOptionBuf &opt, std::string *path = nullptr);
 
 std::string json_escape(std::string_view text);
+// A decimal number in [low, high] and nothing else.
+bool parse_int(const char *text, int low, int high, int *out);
 // "YYYY-MM-DD HH:MM", local time; false when the text is not that.
 bool parse_time(const char *text, time_t *out);
 
@@ -52,5 +56,14 @@ int cmd_lint(const Args &args);
 int cmd_users(const std::vector<std::string> &words);
 int cmd_categories(const std::vector<std::string> &words);
 int cmd_transitions(const std::vector<std::string> &words);
+// The access rule stores (rules.cpp).
+int cmd_facl(const std::vector<std::string> &words);
+int cmd_fgroups(const std::vector<std::string> &words);
+int cmd_kill_acl(const std::vector<std::string> &words);
+int cmd_setuid_acl(const std::vector<std::string> &words);
+int cmd_services(const std::vector<std::string> &words);
+int cmd_commands(const std::vector<std::string> &words);
+int cmd_allowed_commands(const std::vector<std::string> &words);
+int cmd_policy_groups(const std::vector<std::string> &words);
 
 }  // namespace mgctl
