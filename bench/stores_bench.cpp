@@ -211,15 +211,18 @@ SyscallFn g_next_syscall = nullptr;
 }  // namespace
 
 // The library's gateway and presence probe reach the stand-in; every other
-// system call goes on to the C library.
+// system call goes on to the C library. Five arguments are taken (the
+// gateway passes five; the sixth would come from the caller's stack, which
+// holds it only when it was passed): nothing in this single-threaded program
+// calls syscall() with six.
 extern "C" long syscall(long nr, ...) noexcept {
     va_list ap;
     va_start(ap, nr);
-    long a[6];
+    long a[5];
     for (long &v : a) v = va_arg(ap, long);
     va_end(ap);
     const bool probe = nr == SYS_kill && a[0] == MG_PROBE_PID && a[1] == MG_PROBE_SIG;
-    if (nr != MG_SYSCALL_NR && !probe) return g_next_syscall(nr, a[0], a[1], a[2], a[3], a[4], a[5]);
+    if (nr != MG_SYSCALL_NR && !probe) return g_next_syscall(nr, a[0], a[1], a[2], a[3], a[4], 0L);
     auto t0 = Clock::now();
     long r = probe ? 0 : g_kernel.answer(a[0], a[1], a[2], a[3]);
     int saved = errno;
