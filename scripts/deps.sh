@@ -10,7 +10,7 @@ packages=(
   libpam0g-dev libcrypt-dev libpam-modules
   libpam-wrapper libpamtest0-dev libnss-wrapper
   libfaketime faketime
-  groff-base man-db
+  dpkg-dev lintian groff-base man-db
 )
 
 missing=()
