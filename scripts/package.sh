@@ -3,7 +3,8 @@
 # build in build/package, installed under /usr, packed by cpack (DEB
 # generator), which strips the binaries. The build type is the tests' own
 # (RelWithDebInfo: -O2, as Debian builds its packages; the debug information
-# goes with the stripping). Prints the path of the package.
+# goes with the stripping). Prints the path of the package (on standard
+# output, alone; a failure's log goes to standard error).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -16,8 +17,8 @@ if ! { cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PR
          -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON &&
        cmake --build "$dir" -j "$(nproc)" --target pam_mg_acl mgctl manpages mg_changelog &&
        rm -rf "$dir/deb" && (cd "$dir" && cpack); } >"$dir/package.log" 2>&1; then
-  cat "$dir/package.log"
-  echo "=== package build failed"
+  cat "$dir/package.log" >&2
+  echo "=== package build failed" >&2
   exit 1
 fi
 ls "$PWD/$dir"/deb/*.deb
