@@ -7,7 +7,7 @@
 # output, alone; a failure's log goes to standard error).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh
+bash scripts/deps.sh >&2
 
 dir=build/package
 mkdir -p "$dir"
