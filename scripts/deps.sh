@@ -10,6 +10,7 @@ packages=(
   libpam0g-dev libcrypt-dev libpam-modules
   libpam-wrapper libpamtest0-dev libnss-wrapper
   libfaketime faketime
+  dpkg-dev lintian groff-base man-db
 )
 
 missing=()

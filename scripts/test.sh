@@ -1,7 +1,9 @@
 #!/bin/bash
 # Builds and runs the whole test suite twice: plain, then with
 # AddressSanitizer and UndefinedBehaviorSanitizer; then builds the libFuzzer
-# targets with clang and runs each one over its corpus. Fails on any failure.
+# targets with clang and runs each one over its corpus; then builds the
+# Debian package and checks it (scripts/package-check.sh). Fails on any
+# failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -30,4 +32,7 @@ for variant in plain asan fuzz; do
     status=1
   fi
 done
+
+echo "=== package"
+bash scripts/package-check.sh || status=1
 exit $status
