@@ -184,22 +184,7 @@ int get_fgroup(fgrouphdr *hdr, rulentry **entries, mpath **members) noexcept {
 }
 
 int get_all_fgroup_hdr(fgrouphdr **hdrs, int *count) noexcept {
-    if (hdrs == nullptr || count == nullptr) return set_errno(EINVAL);
-    *hdrs = nullptr;
-    *count = 0;
-    if (!mg::rules::module_usable() || lazy_load_fgroup() != 0) return -1;
-    const int n = _sys_fgroup_cnt();
-    if (n <= 0) return n < 0 ? -1 : 0;
-    auto *buf = static_cast<fgrouphdr *>(calloc(static_cast<size_t>(n), sizeof(fgrouphdr)));
-    if (buf == nullptr) return set_errno(ENOMEM);
-    if (_sys_get_all_fgroup_hdr(buf, n) < 0) {
-        int saved = errno;
-        free(buf);
-        return set_errno(saved);
-    }
-    *hdrs = buf;
-    *count = n;
-    return 0;
+    return mg::rules::read_all_headers(hdrs, count, lazy_load_fgroup, _sys_fgroup_cnt, _sys_get_all_fgroup_hdr);
 }
 
 int load_fgroup(void) noexcept {

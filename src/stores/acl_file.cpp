@@ -348,22 +348,7 @@ int get_file_acl(faclhdr *hdr, rulentry **entries) noexcept {
 }
 
 int get_all_facl_hdr(faclhdr **hdrs, int *count) noexcept {
-    if (hdrs == nullptr || count == nullptr) return set_errno(EINVAL);
-    *hdrs = nullptr;
-    *count = 0;
-    if (!mg::rules::module_usable() || lazy_load_file_acl() != 0) return -1;
-    const int n = _sys_file_acl_cnt();
-    if (n <= 0) return n < 0 ? -1 : 0;
-    auto *buf = static_cast<faclhdr *>(calloc(static_cast<size_t>(n), sizeof(faclhdr)));
-    if (buf == nullptr) return set_errno(ENOMEM);
-    if (_sys_get_all_facl_hdr(buf, n) < 0) {
-        int saved = errno;
-        free(buf);
-        return set_errno(saved);
-    }
-    *hdrs = buf;
-    *count = n;
-    return 0;
+    return mg::rules::read_all_headers(hdrs, count, lazy_load_file_acl, _sys_file_acl_cnt, _sys_get_all_facl_hdr);
 }
 
 int load_file_acl(void) noexcept {

@@ -98,22 +98,7 @@ int del_setuid_acl(void *key) noexcept {
 }
 
 int get_all_setuid_acl_hdr(suidaclent **entries, int *count) noexcept {
-    if (entries == nullptr || count == nullptr) return set_errno(EINVAL);
-    *entries = nullptr;
-    *count = 0;
-    if (!mg::rules::module_usable() || lazy_load_setuid() != 0) return -1;
-    const int n = _sys_setuid_acl_cnt();
-    if (n <= 0) return n < 0 ? -1 : 0;
-    auto *buf = static_cast<suidaclent *>(calloc(static_cast<size_t>(n), sizeof(suidaclent)));
-    if (buf == nullptr) return set_errno(ENOMEM);
-    if (_sys_get_all_setuid_acl_hdr(buf, n) < 0) {
-        int saved = errno;
-        free(buf);
-        return set_errno(saved);
-    }
-    *entries = buf;
-    *count = n;
-    return 0;
+    return mg::rules::read_all_headers(entries, count, lazy_load_setuid, _sys_setuid_acl_cnt, _sys_get_all_setuid_acl_hdr);
 }
 
 // A program that no longer exists (10078) or a duplicate line (10077) is

@@ -4,9 +4,11 @@
 // name look-ups that stay cheap over thousands of rule entries.
 #pragma once
 
+#include <mossgrove/common.h>
 #include <mossgrove/rules.h>
 #include <mossgrove/stores.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +22,30 @@ bool module_usable(int *status = nullptr) noexcept;
 // When the kernel table is empty, fills it from its store; a store that does
 // not exist (10072) is an empty table. 0, or -1 with the load's code.
 int lazy_load(int (*count)(), int (*load)()) noexcept;
+
+// Every header of a kernel table (filled from its store first when empty),
+// in a calloc'ed array the caller frees: 0 (with *count 0 and no array for an
+// empty table), or -1 with errno.
+template <class Hdr>
+int read_all_headers(Hdr **hdrs, int *count, int (*lazy)(), int (*kernel_count)(),
+                     int (*kernel_read)(void *, int)) noexcept {
+    if (hdrs == nullptr || count == nullptr) return set_errno(EINVAL);
+    *hdrs = nullptr;
+    *count = 0;
+    if (!module_usable() || lazy() != 0) return -1;
+    const int n = kernel_count();
+    if (n <= 0) return n < 0 ? -1 : 0;
+    auto *buf = static_cast<Hdr *>(calloc(static_cast<size_t>(n), sizeof(Hdr)));
+    if (buf == nullptr) return set_errno(ENOMEM);
+    if (kernel_read(buf, n) < 0) {
+        int saved = errno;
+        free(buf);
+        return set_errno(saved);
+    }
+    *hdrs = buf;
+    *count = n;
+    return 0;
+}
 
 // Confirms the installation root (one trailing "/" removed from mg_root) and
 // builds "<root>/data/<name>"; false with errno set when it cannot.
