@@ -49,7 +49,7 @@ version_six_refused @@ src/kernel/control.cpp @@ return (number < 6 || number % 
 suspend_twice_ok @@ src/kernel/control.cpp @@ case MG_STATUS_SUSPENDED: return 1; @@ case MG_STATUS_SUSPENDED: return 0;
 reset_without_privilege @@ src/kernel/control.cpp @@ if (CheckCmdExecPrivSOSD() != 0) return -1; @@ 
 sync_refuses_stopped @@ src/kernel/control.cpp @@ if (status != MG_STATUS_RUNNING && status != MG_STATUS_STOPPED) @@ if (status != MG_STATUS_RUNNING)
-sync_follows_link @@ src/kernel/control.cpp @@ O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600 @@ O_WRONLY | O_CREAT | O_TRUNC, 0600
+sync_one_failure_ignored @@ src/kernel/control.cpp @@ return (files < 0 || dirs < 0) ? -1 : 0; @@ return (files < 0 && dirs < 0) ? -1 : 0;
 gateway_role_255 @@ src/kernel/gateway.cpp @@ block->pid < 0 || block->role >= 255 || @@ block->pid < 0 ||
 gateway_alsvc_number @@ src/kernel/gateway.cpp @@ alsvc_sub(table, 65, 66, 82, &sub) @@ alsvc_sub(table, 65, 66, 83, &sub)
 gateway_errno_result @@ src/kernel/gateway.cpp @@ return r != 0 ? set_errno(r) : 0; @@ return r != 0 ? -1 : 0;
@@ -60,7 +60,7 @@ store_rest_mode @@ src/stores/dbfile.cpp @@ kModeRest = 0444; @@ kModeRest = 044
 store_read_mark @@ src/stores/dbfile.cpp @@ kModeReadLocked = 02444; @@ kModeReadLocked = 0444;
 store_no_fsync @@ src/stores/dbfile.cpp @@ if (fsync(fd) != 0) { @@ if (false) {
 store_no_write_lock @@ src/stores/dbfile.cpp @@ return lock_reg(fd, F_SETLK, F_WRLCK, 0, SEEK_SET, 0) < 0 ? -1 : 0; @@ return 0;
-store_read_lock_blocks_reader @@ src/stores/dbfile.cpp @@ case F_RDLCK: return type == F_WRLCK ? 1 : 0; @@ case F_RDLCK: return 1;
+store_writer_not_seen @@ src/stores/dbfile.cpp @@ case F_WRLCK: return 1; @@ case F_WRLCK: return 0;
 store_busy_errno @@ src/stores/dbfile.cpp @@ if (r == 1) errno = EAGAIN; @@ if (r == 1) errno = EACCES;
 store_reader_creates @@ src/stores/dbfile.cpp @@ if (mode == 0) return -1; @@ 
 store_copy_result @@ src/stores/dbfile.cpp @@     rest_path(to);\n    return 1; @@     rest_path(to);\n    return 0;

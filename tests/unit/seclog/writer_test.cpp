@@ -160,11 +160,13 @@ TEST_F(Writer, PlantedLinksAndOpenDirectoriesAreNeverWrittenThrough) {
         EXPECT_EQ("keep\n", mgtest::read_file(victim)) << planted;
         ASSERT_EQ(0, unlink(planted.c_str()));
     }
-    // A directory others could write is refused before anything is opened in it.
-    ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
-    save("into an open directory");
-    EXPECT_FALSE(mgtest::exists(current));
-    EXPECT_FALSE(mgtest::exists(lock_file));
+    // A directory its group or others could write is refused before anything is opened in it.
+    for (mode_t open_mode : {0770, 0707}) {
+        ASSERT_EQ(0, chmod(dir.path().c_str(), open_mode));
+        save("into an open directory");
+        EXPECT_FALSE(mgtest::exists(current)) << std::oct << open_mode;
+        EXPECT_FALSE(mgtest::exists(lock_file)) << std::oct << open_mode;
+    }
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
 }
 
