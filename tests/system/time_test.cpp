@@ -2,7 +2,7 @@
 // binary re-executes itself with libfaketime preloaded when it is not, so it
 // runs the same from ctest and by hand.
 #include "faketime.hpp"
-#include "system_common.hpp"
+#include "harness.hpp"
 
 #include <unistd.h>
 

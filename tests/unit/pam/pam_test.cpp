@@ -1,0 +1,129 @@
+// The PAM module below its entry points, where a system test through libpam
+// cannot reach or would need thousands of transactions: rule lines, the group
+// list, counting from utmpx and the token slots of the group checks.
+#include "pam/pam_acl.hpp"
+
+#include "common/paths.hpp"
+#include "sandbox.hpp"
+#include "testsupport.hpp"
+
+#include <mossgrove/common.h>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <utmpx.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace mg::pam;
+
+namespace {
+
+PamRequest request(const char *user, const char *rhost, const char *tty) {
+    PamRequest r;
+    snprintf(r.account.name, sizeof r.account.name, "%s", user);
+    r.service.assign("sshd");
+    r.rhost.assign(rhost);
+    r.tty.assign(tty);
+    r.rhost_addr = inet_addr(rhost);
+    r.have_now = true;  // no rule here has a time window
+    return r;
+}
+
+TEST(RuleLine, FieldsDecideOrPassOn) {
+    set_log_sink([](int, const char *) {});
+    PamRequest req = request("alice", "192.168.1.1", "pts/3");
+    const struct {
+        const char *line;
+        int want;  // 0 deny, 1 allow, 2 no decision
+    } cases[] = {
+        {"x::sshd:*::", 0}, {"x:?:sshd:*::", 0}, {"x:+:login,sshd", 1},
+        {"x:+:ssh,login:*::", 2},                        // whole entries only
+        {"x:-:*:10.0.0.0/8,somehost,192.168.1.1::", 2},  // the scan stops at a name
+        {"x:-:*:10.0.0.0/8,192.168.1.1,somehost::", 0},
+        {"x:-:*:192.168.1.0/24::", 0}, {"x:-:*:192.168.0.0/24::", 2}, {"x:-:*:192.168.1.1/32::", 0},
+        {"x:-:*:!::", 2},                                // a remote login is not local
+        {"x:-:*:*:pts/1,pts/3:", 0}, {"x:-:*:*:pts/1:", 2},
+    };
+    for (const auto &c : cases) {
+        char line[512];
+        snprintf(line, sizeof line, "%s", c.line);
+        EXPECT_EQ(c.want, check_rule_line(req, line, 7)) << c.line;
+    }
+    set_log_sink(nullptr);
+}
+
+// Groups come from the account database: in a sandbox with its own /etc/group.
+MG_SANDBOX_TEST(Groups, PrimaryFirstThenMembershipsCutWhereTheBufferEnds) {
+    sb.add_group("staff", 5000);
+    sb.add_group("dev", 5001, {"bob", "alice"});
+    sb.add_group("ops", 5002, {"alice"});
+    sb.add_group("staff2", 5003, {"alicex"});
+    sb.add_group("qa", 5004, {"alice"});
+    char buf[1024], small[12];
+    EXPECT_EQ(4, get_user_groups(5000, "alice", buf, sizeof buf));
+    EXPECT_STREQ("staff,dev,ops,qa", buf);
+    EXPECT_EQ(3, get_user_groups(5002, "alice", buf, sizeof buf));
+    EXPECT_STREQ("ops,dev,qa", buf);  // the primary group is listed once, first
+    EXPECT_EQ(2, get_user_groups(5000, "alice", small, sizeof small));
+    EXPECT_STREQ("staff,dev", small);
+    // More member groups than one scan keeps: the long way gives the same list.
+    sb.add_group("pri", 5100);
+    sb.add_group("pri2", 5101, {"carol"});
+    for (int i = 0; i < 70; ++i) sb.add_group("group_with_a_rather_long_name_" + std::to_string(i), 6000 + i, {"carol"});
+    get_user_groups(5100, "carol", buf, sizeof buf);
+    EXPECT_EQ(std::string(buf).rfind("pri,pri2,group_with_a_rather_long_name_0,", 0), 0u) << buf;
+
+    // Far more group session checks than there are token slots: each gives its slot back.
+    mgtest::TempDir dir;
+    mgtest::write_file(dir / "group_session.conf", "x:dev:1::\n");
+    mg::paths::override_for_tests(nullptr, dir.path().c_str(), (dir / "utmp").c_str());
+    PamRequest req = request("alice", "10.1.2.3", "pts/9");
+    req.account.gid = 5000;
+    SessionRule r;
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(1, check_group_session(req, r)) << i;
+    EXPECT_STREQ("dev", r.name);
+    mg::paths::override_for_tests(nullptr, nullptr, nullptr);
+}
+
+TEST(Sessions, CountingFromUtmpx) {
+    mgtest::TempDir dir;
+    const std::string utmp = dir / "utmp";
+    mg::paths::override_for_tests(nullptr, dir.path().c_str(), utmp.c_str());
+    auto add = [&](const char *user, const std::string &line, const char *host, short type = USER_PROCESS) {
+        struct utmpx u {};
+        u.ut_type = type;
+        strncpy(u.ut_user, user, sizeof u.ut_user);
+        strncpy(u.ut_line, line.c_str(), sizeof u.ut_line);
+        strncpy(u.ut_host, host, sizeof u.ut_host);
+        std::ofstream(utmp, std::ios::binary | std::ios::app).write(reinterpret_cast<const char *>(&u), sizeof u);
+    };
+    add("alice", "pts/1", "10.0.0.1");
+    add("alice", "tty2", "");
+    add("alice", "pts/9", "10.0.0.1");  // the request's own terminal
+    add("alice", "pts/4", "", DEAD_PROCESS);
+    add("alicex", "pts/5", "");
+    add("b", "pts/2", "10.0.0.2:0");        // display suffix cut
+    add("c", "pts/3", "::ffff:0:10.0.0.3");  // the accepted IPv6 form
+    add("d", "pts/7", "::ffff:10.0.0.4");    // any other IPv6: skipped
+    for (int i = 0; i < 400; ++i) add("bob", "pts/" + std::to_string(100 + i), "127.0.0.1");  // several blocks
+    EXPECT_EQ(2, count_user_sessions("alice", "pts/9", false));
+    EXPECT_EQ(1, count_user_sessions("alice", "pts/9", true));
+    EXPECT_EQ(3, count_address_sessions(ntohl(inet_addr("10.0.0.0")), ntohl(inet_addr("10.255.255.255")), "pts/9"));
+    EXPECT_EQ(400, count_address_sessions(ntohl(inet_addr("127.0.0.1")), ntohl(inet_addr("127.0.0.1")), "pts/9"));
+    // Consoles are exempt from a default rule with the console flag, from a user rule without it.
+    PamRequest req = request("alice", "10.1.2.3", "tty3");
+    SessionRule r;
+    mgtest::write_file(dir / "default_session.conf", "x:[any]:1:1:\n");
+    EXPECT_EQ(1, check_default_session(req, r));
+    mgtest::write_file(dir / "user_session.conf", "x:alice:1:1:\n");
+    EXPECT_EQ(0, check_user_session(req, r));
+    { std::ofstream(utmp, std::ios::app) << "partial"; }  // a truncated last record is no record
+    EXPECT_EQ(400, count_user_sessions("bob", "pts/9", false));
+    mg::paths::override_for_tests(nullptr, nullptr, nullptr);
+}
+
+}  // namespace
