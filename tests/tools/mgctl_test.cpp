@@ -82,6 +82,21 @@ MG_SANDBOX_TEST(Mgctl, LintNamesEveryLineTheModuleWouldSkipOrDeny) {
                                    "/user_session.conf:2: error", "/user_session.conf:3: error"})
         EXPECT_TRUE(has(r, dir + line)) << line << "\n" << r.out;
     EXPECT_FALSE(has(r, "/default.conf:2:")) << r.out;
+
+    // The installation root: the policy mode file and the fixed-record stores.
+    const std::string root = sb.scratch() + "/root";
+    for (const char *d : {"", "/data", "/etc", "/conf"}) mkdir((root + d).c_str(), 0755);
+    mgtest::write_file(root + "/data/ips.conf", "MACMODE = sometimes\n");
+    std::string users(2 * 1324, '\0');
+    users[1324 + 18] = 9;  // the second record's role
+    mgtest::write_file(root + "/data/mls_user", users);
+    mgtest::write_file(root + "/data/mls_cat", std::string(57, '\0'));
+    r = mgctl({"--pam-dir", EXAMPLES, "--root", root, "lint"});
+    EXPECT_EQ(r.status, 1);
+    for (const std::string line : {"/data/ips.conf:0: error", "/data/mls_user:2: error", "/data/mls_cat:0: error",
+                                   "/conf/mgopt.conf:0: error"})
+        EXPECT_TRUE(has(r, root + line)) << line << "\n" << r.out;
+    EXPECT_FALSE(has(r, "/data/mls_user:1:")) << r.out;
 }
 
 MG_SANDBOX_TEST(Mgctl, LogStatusAndSessions) {

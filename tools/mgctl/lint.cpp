@@ -6,13 +6,18 @@
 
 #include <mossgrove/common.h>
 #include <mossgrove/config.h>
+#include <mossgrove/labels.h>
+#include <mossgrove/rules.h>
+#include <mossgrove/sopass.h>
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -150,12 +155,7 @@ std::vector<std::string> files_in(const std::string &dir) {
     return out;
 }
 
-void lint_options(Report &report) {
-    char root[1024];
-    if (get_mgroot(root, sizeof root) != 0) {
-        report.warning(mg::paths::evmg(), 0, "no installation root: mgopt.conf not checked");
-        return;
-    }
+void lint_options(Report &report, const char *root) {
     const std::string path = std::string(root) + "/conf/mgopt.conf";
     MGOptionBuf opt;
     if (ReadMGOptionConfig(path.c_str(), &opt) != 0) {
@@ -163,6 +163,63 @@ void lint_options(Report &report) {
         return;
     }
     if (CheckMGOptionConfig(&opt) != 0) report.error(path, 0, "a value is out of range");
+}
+
+// ips.conf, read as module start reads it (from an all-unset block, without
+// the kernel module): a bad keyword or value fails the whole file, and a mode
+// left unset is not sent at start.
+void lint_policy_modes(Report &report, const std::string &root) {
+    const std::string path = root + "/data/ips.conf";
+    if (access(path.c_str(), F_OK) != 0) return;
+    unsigned char block[MG_RGCONF_SIZE] = {};
+    std::fflush(stdout);
+    if (make_rgconf_from_file(MG_RGCONF_REQ_UNSET, block, path.c_str()) < 0) {
+        report.error(path, 0, "cannot be read as a policy mode file (the library's line above names the setting)");
+        return;
+    }
+    uint32_t w[5];
+    std::memcpy(w, block, sizeof w);
+    if (verify_config(w[0], w[1], w[2], w[3], w[4]) != 1)
+        report.warning(path, 0, "not every mode is set: module start keeps the kernel's modes");
+}
+
+// The fixed-record stores: a store that is not a whole number of records
+// does not load, and a record with a value out of range is refused.
+void lint_binary_stores(Report &report, const std::string &root) {
+    struct Store {
+        const char *name;
+        size_t record;
+    } stores[] = {{"data/mls_user", sizeof(MGMlsUser)}, {"data/mls_cat", sizeof(MGCategory)},
+                  {"data/su_file", sizeof(MGSuEntry)},  {"data/cmd_file", sizeof(cmdent)},
+                  {"etc/mgpasswd", sizeof(MGSecPasswd)}};
+    for (const Store &st : stores) {
+        const std::string path = root + "/" + st.name;
+        FILE *f = std::fopen(path.c_str(), "rb");
+        if (f == nullptr) continue;
+        std::vector<unsigned char> rec(st.record);
+        size_t n = 0, got;
+        while ((got = std::fread(rec.data(), 1, st.record, f)) == st.record) {
+            ++n;
+            if (st.record == sizeof(MGMlsUser)) {
+                MGMlsUser u;
+                std::memcpy(&u, rec.data(), sizeof u);
+                if (isvalid_role(u.role) != 1 || isvalid_level(u.level) != 1 || isvalid_cid(u.cid) != 1)
+                    report.error(path, static_cast<int>(n),
+                                 "record " + std::to_string(n) + " (uid " + std::to_string(u.uid) +
+                                     "): role, level or category out of range");
+            } else if (st.record == sizeof(MGCategory)) {
+                MGCategory c;
+                std::memcpy(&c, rec.data(), sizeof c);
+                if (isvalid_cid(c.id) != 1 || c.depth > 15 || isvalid_role(c.role) != 1)
+                    report.error(path, static_cast<int>(n),
+                                 "record " + std::to_string(n) + ": id, depth or role out of range");
+            }
+        }
+        std::fclose(f);
+        if (got != 0)
+            report.error(path, 0, "not a whole number of " + std::to_string(st.record) +
+                                      "-byte records: the store does not load");
+    }
 }
 
 }  // namespace
@@ -179,7 +236,14 @@ int cmd_lint(const Args &args) {
     lint_access_file(report, dir + "/default.conf");
     for (const char *f : {"user_session.conf", "group_session.conf", "ip_session.conf", "default_session.conf"})
         lint_session_file(report, dir + "/" + f);
-    lint_options(report);
+    char root[1024];
+    if (get_mgroot(root, sizeof root) != 0) {
+        report.warning(mg::paths::evmg(), 0, "no installation root: mgopt.conf, ips.conf and the stores not checked");
+    } else {
+        lint_options(report, root);
+        lint_policy_modes(report, root);
+        lint_binary_stores(report, root);
+    }
     mg::pam::set_log_sink(nullptr);
     std::printf("%d error(s), %d warning(s)\n", report.errors, report.warnings);
     return report.errors > 0 ? kFailed : kOk;
