@@ -58,7 +58,7 @@ console_wrong_tty @@ src/kernel/privileges.cpp @@ "/dev/tty1" @@ "/dev/tty2"
 mu_role_bound @@ src/kernel/privileges.cpp @@ MG_PLABEL_ROLE(_sys_getmp(pid)) >= kRoleMU @@ MG_PLABEL_ROLE(_sys_getmp(pid)) > kRoleMU
 store_rest_mode @@ src/stores/dbfile.cpp @@ kModeRest = 0444; @@ kModeRest = 0440;
 store_read_mark @@ src/stores/dbfile.cpp @@ kModeReadLocked = 02444; @@ kModeReadLocked = 0444;
-store_no_fsync @@ src/stores/dbfile.cpp @@ if (fsync(fd) != 0) { @@ if (false) {
+store_no_fsync @@ src/common/fileutil.cpp @@ if (fsync(fd) != 0) { @@ if (false) {
 store_no_write_lock @@ src/stores/dbfile.cpp @@ return lock_reg(fd, F_SETLK, F_WRLCK, 0, SEEK_SET, 0) < 0 ? -1 : 0; @@ return 0;
 store_writer_not_seen @@ src/stores/dbfile.cpp @@ case F_WRLCK: return 1; @@ case F_WRLCK: return 0;
 store_busy_errno @@ src/stores/dbfile.cpp @@ if (r == 1) errno = EAGAIN; @@ if (r == 1) errno = EACCES;
@@ -70,7 +70,7 @@ opt_group_blank @@ src/config/mgopt.cpp @@ MG_FLAG(ClearAllLog, Kind::Flag, true
 opt_key_order @@ src/config/mgopt.cpp @@     MG_TEXT(MailServer, Kind::Text, false, false),\n    MG_TEXT(MailAddress, Kind::Text, false, false), @@     MG_TEXT(MailAddress, Kind::Text, false, false),\n    MG_TEXT(MailServer, Kind::Text, false, false),
 opt_relative_dir @@ src/config/mgopt.cpp @@ if (value[0] != '/') return false; @@ 
 opt_sms_check @@ src/config/mgopt.cpp @@ (opt->SmsServer[0] == '\\0' || opt->SmsTel[0] == '\\0') @@ (opt->SmsServer[0] == '\\0' && opt->SmsTel[0] == '\\0')
-opt_write_error_ignored @@ src/config/mgopt.cpp @@ if (mg::stores::write_all(fd, data, len) != 0) { @@ if (mg::stores::write_all(fd, data, len) != 0 && false) {
+opt_write_error_ignored @@ src/config/mgopt.cpp @@ if (mg::fileio::write_all(fd, data, len) != 0) { @@ if (mg::fileio::write_all(fd, data, len) != 0 && false) {
 opt_pending_kept @@ src/config/mgopt.cpp @@ if (CheckModuleType() != 0) *text_of(opt, f) = 'X'; @@ 
 seclog_tab_kept @@ src/seclog/writer.cpp @@ out[i] = (c < 0x20 || c == 0x7f) ? ' ' : field[i]; @@ out[i] = (c == '\\n' || c == 0x7f) ? ' ' : field[i];
 seclog_no_slack @@ src/seclog/writer.cpp @@ static_cast<off_t>(g_nMaxLogSize) + kRotateSlack @@ static_cast<off_t>(g_nMaxLogSize)
