@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 
-using mg::stores::Cursor;
 using mg::stores::MallocPtr;
 using mg::stores::Missing;
 using mg::stores::Rewrite;
@@ -27,8 +26,7 @@ constexpr int kFirstFreeCid = 3;  // 1 and 2 are the defaults
 constexpr int kMaxDepth = 15;
 constexpr int kPathLen = 16;
 
-Cursor g_cursor(kRec);
-MGCategory g_record;
+constinit mg::stores::RecordCursor<MGCategory> g_cats(mg::stores::g_szCatPath, mg::stores::g_szCatBakPath);
 
 MGCategory make_category(int id, int depth, int role, const char *name) noexcept {
     MGCategory c{};
@@ -151,34 +149,17 @@ int get_depth(const unsigned char *path) noexcept {
 using mg::stores::g_szCatBakPath;
 using mg::stores::g_szCatPath;
 
-void setcatent(void) noexcept { g_cursor.open(g_szCatPath, g_szCatBakPath); }
-
-MGCategory *getcatent(void) noexcept {
-    const void *rec = g_cursor.next(g_szCatPath, g_szCatBakPath);
-    if (rec == nullptr) return nullptr;
-    memcpy(&g_record, rec, kRec);
-    return &g_record;
-}
-
-void endcatent(void) noexcept {
-    g_cursor.close();
-    errno = 0;
-}
+void setcatent(void) noexcept { g_cats.open(); }
+MGCategory *getcatent(void) noexcept { return g_cats.next(); }
+void endcatent(void) noexcept { g_cats.close(); }
 
 MGCategory *getcatnam(const char *name) noexcept {
     if (name == nullptr) return nullptr;
-    bool found = g_cursor.find(g_szCatPath, g_szCatBakPath, &g_record, [name](const char *rec) {
-        const MGCategory *c = reinterpret_cast<const MGCategory *>(rec);
-        return strncmp(c->name, name, sizeof c->name) == 0;
-    });
-    return found ? &g_record : nullptr;
+    return g_cats.find([name](const MGCategory &c) { return strncmp(c.name, name, sizeof c.name) == 0; });
 }
 
 MGCategory *getcatcid(int cid) noexcept {
-    bool found = g_cursor.find(g_szCatPath, g_szCatBakPath, &g_record, [cid](const char *rec) {
-        return reinterpret_cast<const MGCategory *>(rec)->id == cid;
-    });
-    return found ? &g_record : nullptr;
+    return g_cats.find([cid](const MGCategory &c) { return c.id == cid; });
 }
 
 int createcid(void) noexcept {

@@ -28,7 +28,6 @@
 #include <cstring>
 #include <ctime>
 
-using mg::stores::Cursor;
 using mg::stores::g_szMuBakPath;
 using mg::stores::g_szMuPath;
 using mg::stores::MallocPtr;
@@ -44,8 +43,7 @@ constexpr unsigned char kRoleNone = 255;
 // 24-byte field where the API checks that a uid and a name belong together.
 constexpr size_t kNameChars = sizeof(MGMlsUser::name) - 1;
 
-Cursor g_cursor(kRec);
-MGMlsUser g_record;
+constinit mg::stores::RecordCursor<MGMlsUser> g_users(g_szMuPath, g_szMuBakPath);
 
 bool valid_retry(int r) noexcept { return r >= 1 && r <= 99; }
 bool is_mu(const MGMlsUser &u) noexcept { return u.role >= 1 && u.role <= 3; }
@@ -116,33 +114,17 @@ struct Lists {
 
 // ---- Store layer ------------------------------------------------------------------
 
-void setmuent(void) noexcept { g_cursor.open(g_szMuPath, g_szMuBakPath); }
-
-MGMlsUser *getmuent(void) noexcept {
-    const void *rec = g_cursor.next(g_szMuPath, g_szMuBakPath);
-    if (rec == nullptr) return nullptr;
-    memcpy(&g_record, rec, kRec);
-    return &g_record;
-}
-
-void endmuent(void) noexcept {
-    g_cursor.close();
-    errno = 0;
-}
+void setmuent(void) noexcept { g_users.open(); }
+MGMlsUser *getmuent(void) noexcept { return g_users.next(); }
+void endmuent(void) noexcept { g_users.close(); }
 
 MGMlsUser *getmunam(const char *name) noexcept {
-    if (name == nullptr || strlen(name) >= sizeof g_record.name) return nullptr;
-    bool found = g_cursor.find(g_szMuPath, g_szMuBakPath, &g_record, [name](const char *rec) {
-        return strncmp(reinterpret_cast<const MGMlsUser *>(rec)->name, name, sizeof g_record.name) == 0;
-    });
-    return found ? &g_record : nullptr;
+    if (name == nullptr || strlen(name) >= sizeof(MGMlsUser::name)) return nullptr;
+    return g_users.find([name](const MGMlsUser &u) { return strncmp(u.name, name, sizeof u.name) == 0; });
 }
 
 MGMlsUser *getmuuid(int uid) noexcept {
-    bool found = g_cursor.find(g_szMuPath, g_szMuBakPath, &g_record, [uid](const char *rec) {
-        return reinterpret_cast<const MGMlsUser *>(rec)->uid == uid;
-    });
-    return found ? &g_record : nullptr;
+    return g_users.find([uid](const MGMlsUser &u) { return u.uid == uid; });
 }
 
 // A missing store is recreated holding the new record alone: the backup is

@@ -6,6 +6,7 @@
 
 #include <mossgrove/stores.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
@@ -68,6 +69,39 @@ private:
     char *buf_ = nullptr;
     size_t count_ = 0;
     size_t next_ = 0;
+};
+
+// The getpwent-style enumeration of one store of T records: the record
+// handed out lives in the cursor, as getpwent's does.
+template <class T>
+class RecordCursor {
+public:
+    constexpr RecordCursor(const char *store, const char *backup) noexcept : store_(store), backup_(backup) {}
+    void open() noexcept { cursor_.open(store_, backup_); }
+    T *next() noexcept {
+        const void *rec = cursor_.next(store_, backup_);
+        if (rec == nullptr) return nullptr;
+        __builtin_memcpy(&record_, rec, sizeof record_);
+        return &record_;
+    }
+    // Ends the enumeration; errno is left 0, as the end...ent calls leave it.
+    void close() noexcept {
+        cursor_.close();
+        errno = 0;
+    }
+    // The first record pred (taking const T &) accepts, or nullptr.
+    template <class Pred>
+    T *find(Pred pred) noexcept {
+        bool found = cursor_.find(store_, backup_, &record_,
+                                  [&](const char *rec) { return pred(*reinterpret_cast<const T *>(rec)); });
+        return found ? &record_ : nullptr;
+    }
+
+private:
+    const char *store_;
+    const char *backup_;
+    Cursor cursor_{sizeof(T)};
+    T record_{};
 };
 
 // What a rewrite does when its store is missing.

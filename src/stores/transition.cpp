@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-using mg::stores::Cursor;
 using mg::stores::MallocPtr;
 using mg::stores::Missing;
 using mg::stores::Rewrite;
@@ -25,8 +24,7 @@ constexpr size_t kFullBytes = (MG_SU_MAX - 1) * kRec;   // more than this: the l
 
 char g_szSuPath[MG_PATH_MAX];
 char g_szSuBakPath[MG_PATH_MAX];
-Cursor g_cursor(kRec);
-MGSuEntry g_record;
+constinit mg::stores::RecordCursor<MGSuEntry> g_entries(g_szSuPath, g_szSuBakPath);
 
 // Hands at most 20 records to the kernel: 0, or -1 with 10055 / 10060.
 int load_list(const void *data, size_t size) noexcept {
@@ -76,25 +74,12 @@ int set_supath(void) noexcept {
     return 1;
 }
 
-void setsuent(void) noexcept { g_cursor.open(g_szSuPath, g_szSuBakPath); }
-
-MGSuEntry *getsuent(void) noexcept {
-    const void *rec = g_cursor.next(g_szSuPath, g_szSuBakPath);
-    if (rec == nullptr) return nullptr;
-    memcpy(&g_record, rec, kRec);
-    return &g_record;
-}
-
-void endsuent(void) noexcept {
-    g_cursor.close();
-    errno = 0;
-}
+void setsuent(void) noexcept { g_entries.open(); }
+MGSuEntry *getsuent(void) noexcept { return g_entries.next(); }
+void endsuent(void) noexcept { g_entries.close(); }
 
 MGSuEntry *getsuuid(int uid) noexcept {
-    bool found = g_cursor.find(g_szSuPath, g_szSuBakPath, &g_record, [uid](const char *rec) {
-        return reinterpret_cast<const MGSuEntry *>(rec)->uid == uid;
-    });
-    return found ? &g_record : nullptr;
+    return g_entries.find([uid](const MGSuEntry &e) { return e.uid == uid; });
 }
 
 // A missing store is recreated holding the new record alone and an existing
