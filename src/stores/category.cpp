@@ -279,14 +279,7 @@ int resetcatent(void) noexcept {
     return rw.commit(defaults, sizeof defaults, kernel_load) == 0 ? 1 : -1;
 }
 
-int _k_load_cat(int fd, long size) noexcept {
-    if (size < static_cast<long>(kRec)) return -1;
-    size_t bytes = static_cast<size_t>(size) / kRec * kRec;
-    MallocPtr buf(malloc(bytes));
-    if (buf.p == nullptr) return set_errno(ENOMEM);
-    if (mg::stores::read_exact(fd, buf.p, bytes) != 0) return -1;
-    return kernel_load(buf.p, bytes);
-}
+int _k_load_cat(int fd, long size) noexcept { return mg::stores::read_and_load(fd, size, kRec, kernel_load); }
 
 // The backup is not consulted.
 int loadcatent(void) noexcept {

@@ -74,21 +74,6 @@ int read_whole(int fd, MallocPtr &buf, size_t &size) noexcept {
     return 0;
 }
 
-int read_exact(int fd, void *buf, size_t len) noexcept {
-    char *p = static_cast<char *>(buf);
-    while (len > 0) {
-        ssize_t r = read(fd, p, len);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) {
-            if (r == 0) errno = EIO;
-            return -1;
-        }
-        p += r;
-        len -= static_cast<size_t>(r);
-    }
-    return 0;
-}
-
 // ---- Cursor -----------------------------------------------------------------
 
 void Cursor::open(const char *store, const char *backup) noexcept {
@@ -186,6 +171,19 @@ int dump_table(const char *store, const char *backup, const void *data, size_t s
     if (install_temp(fd, tmp, store) != 0) return set_errno(MG_ERR_REPLACE);
     chmod(store, 0444);
     return 1;
+}
+
+}  // namespace mg::stores
+
+namespace mg::stores {
+
+int read_and_load(int fd, long size, size_t record, KernelLoad load) noexcept {
+    if (size < static_cast<long>(record)) return -1;
+    size_t bytes = static_cast<size_t>(size) / record * record;
+    MallocPtr buf(malloc(bytes));
+    if (buf.p == nullptr) return set_errno(ENOMEM);
+    if (mg::fileio::read_all(fd, buf.p, bytes) != 0) return -1;
+    return load(buf.p, bytes);
 }
 
 }  // namespace mg::stores

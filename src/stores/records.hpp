@@ -41,9 +41,13 @@ int open_restoring(const char *store, const char *backup) noexcept;
 // byte longer than the file. 0, or -1 (a short read is EIO).
 int read_whole(int fd, MallocPtr &buf, size_t &size) noexcept;
 
-// Reads exactly len bytes from the current position: 0, or -1 (EIO when the
-// file ends first).
-int read_exact(int fd, void *buf, size_t len) noexcept;
+// Loads new contents into the kernel: 0, or -1 with errno.
+using KernelLoad = int (*)(const void *data, size_t size);
+
+// The _k_load_* step of a record store: reads the whole records of the size
+// bytes behind fd (from the current position) and hands them to load.
+// -1 when fewer than one record, ENOMEM, or a short read (EIO).
+int read_and_load(int fd, long size, size_t record, KernelLoad load) noexcept;
 
 // One enumeration in the manner of getpwent: the store stays open under its
 // read lock while the enumeration runs.
@@ -111,9 +115,6 @@ enum class Missing {
     go_on,           // go on with no store (the backup is never consulted)
     fail,            // fail (the backup is never consulted)
 };
-
-// Loads new contents into the kernel: 0, or -1 with errno.
-using KernelLoad = int (*)(const void *data, size_t size);
 
 // One rewrite of a store file. begin() takes the store's read lock, reads it
 // and creates the temporary file; commit() writes the new contents, loads them

@@ -174,7 +174,7 @@ int setmgpwdent(void) noexcept {
         endmgpwdent();
         return set_errno(ENOMEM);
     }
-    if (mg::stores::read_exact(fd, g_entries, static_cast<size_t>(size)) != 0) {
+    if (mg::fileio::read_all(fd, g_entries, static_cast<size_t>(size)) != 0) {
         endmgpwdent();
         return set_errno(MG_ERR_PW_STORE);
     }

@@ -158,6 +158,6 @@ int _k_load_su(int fd, long len) noexcept {
     MallocPtr buf(calloc(1, kKernelBytes));
     if (buf.p == nullptr) return set_errno(MG_ERR_SU_NOMEM);
     size_t bytes = len > 0 ? std::min(static_cast<size_t>(len), kKernelBytes) : 0;
-    if (bytes > 0 && mg::stores::read_exact(fd, buf.p, bytes) != 0) return -1;
+    if (bytes > 0 && mg::fileio::read_all(fd, buf.p, bytes) != 0) return -1;
     return _sys_setsu(buf.p, static_cast<int>(bytes / kRec));
 }
