@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
@@ -53,6 +54,11 @@ public:
         return true;
     }
     bool push_back(const T &item) noexcept { return append(&item, 1); }
+    // A new zeroed element at the end, to fill in place; nullptr when out of memory.
+    T *push_zeroed() noexcept {
+        T zero{};
+        return push_back(zero) ? &data_[size_ - 1] : nullptr;
+    }
     void clear() noexcept { size_ = 0; }
 
     T *data() noexcept { return data_; }

@@ -18,7 +18,7 @@ bool no_password(const char *pw) noexcept {
 }
 
 template <class Entry>
-Entry *find_name(Grow<Entry> &entries, const char *name) noexcept {
+Entry *find_name(mg::HeapArray<Entry> &entries, const char *name) noexcept {
     Entry *first = entries.data(), *last = first + entries.size();
     Entry *it = std::lower_bound(first, last, name, [](const Entry &e, const char *key) {
         return strcmp(e.name, key) < 0;
@@ -27,7 +27,7 @@ Entry *find_name(Grow<Entry> &entries, const char *name) noexcept {
 }
 
 template <class Entry>
-void sort_names(Grow<Entry> &entries) noexcept {
+void sort_names(mg::HeapArray<Entry> &entries) noexcept {
     sort_stable_by(entries.data(), entries.size(),
                    [](const Entry &a, const Entry &b) { return strcmp(a.name, b.name) < 0; });
 }
@@ -79,7 +79,7 @@ bool GroupNames::load() noexcept {
     setgrent();
     for (struct group *g; ok && (g = getgrent()) != nullptr;) {
         const char *name = arena_.copy(g->gr_name != nullptr ? g->gr_name : "");
-        ok = name != nullptr && entries_.push({g->gr_gid, entries_.size(), name});
+        ok = name != nullptr && entries_.push_back({g->gr_gid, entries_.size(), name});
     }
     endgrent();
     sort_stable_by(entries_.data(), entries_.size(), [](const Entry &a, const Entry &b) { return a.gid < b.gid; });
@@ -94,7 +94,7 @@ const char *GroupNames::find(gid_t gid) noexcept {
         if (looked_up_.data()[i].gid == gid) return looked_up_.data()[i].name;
     struct group *g = getgrgid(gid);
     const char *name = g != nullptr ? arena_.copy(g->gr_name != nullptr ? g->gr_name : "") : nullptr;
-    looked_up_.push({gid, 0, name});
+    looked_up_.push_back({gid, 0, name});
     return name;
 }
 
@@ -106,7 +106,7 @@ bool ShadowIndex::load() noexcept {
     for (struct spwd *sp; ok && (sp = getspent()) != nullptr;) {
         const char *name = arena_.copy(sp->sp_namp != nullptr ? sp->sp_namp : "");
         ShadowFacts f{true, no_password(sp->sp_pwdp), sp->sp_expire};
-        ok = name != nullptr && entries_.push({name, entries_.size(), f});
+        ok = name != nullptr && entries_.push_back({name, entries_.size(), f});
     }
     endspent();
     sort_names(entries_);
@@ -129,7 +129,7 @@ bool PasswdIndex::load() noexcept {
         const char *name = arena_.copy(pw->pw_name != nullptr ? pw->pw_name : "");
         const char *home = arena_.copy(pw->pw_dir != nullptr ? pw->pw_dir : "");
         ok = name != nullptr && home != nullptr &&
-             entries_.push({name, entries_.size(), {true, pw->pw_uid, pw->pw_gid, home}});
+             entries_.push_back({name, entries_.size(), {true, pw->pw_uid, pw->pw_gid, home}});
     }
     endpwent();
     sort_names(entries_);

@@ -10,6 +10,8 @@
 
 #include <cstddef>
 
+#include "common/heap_array.hpp"
+
 namespace mg::stores {
 
 // Strings and records of one index, in malloc'ed blocks freed together.
@@ -30,24 +32,6 @@ private:
     bool ok_ = true;
 };
 
-// A growable malloc'ed array of trivially copyable T.
-template <class T>
-class Grow {
-public:
-    Grow() noexcept = default;
-    ~Grow();
-    Grow(const Grow &) = delete;
-    Grow &operator=(const Grow &) = delete;
-    bool push(const T &v) noexcept;
-    T *data() const noexcept { return data_; }
-    size_t size() const noexcept { return size_; }
-
-private:
-    T *data_ = nullptr;
-    size_t size_ = 0;
-    size_t cap_ = 0;
-};
-
 // Primary group names by gid (the first entry of a gid wins, as getgrgid).
 class GroupNames {
 public:
@@ -62,8 +46,8 @@ private:
         const char *name;
     };
     Arena arena_;
-    Grow<Entry> entries_;
-    Grow<Entry> looked_up_;  // answers of getgrgid for gids not enumerated
+    mg::HeapArray<Entry> entries_;
+    mg::HeapArray<Entry> looked_up_;  // answers of getgrgid for gids not enumerated
 };
 
 // What the MLS user list needs of a shadow entry.
@@ -85,7 +69,7 @@ private:
         ShadowFacts facts;
     };
     Arena arena_;
-    Grow<Entry> entries_;
+    mg::HeapArray<Entry> entries_;
 };
 
 // Accounts by name (the first entry of a name wins, as getpwnam).
@@ -108,7 +92,7 @@ private:
         AccountFacts facts;
     };
     Arena arena_;
-    Grow<Entry> entries_;
+    mg::HeapArray<Entry> entries_;
     char home_[1024] = {};
 };
 

@@ -6,24 +6,6 @@
 
 namespace mg::stores {
 
-template <class T>
-Grow<T>::~Grow() {
-    free(data_);
-}
-
-template <class T>
-bool Grow<T>::push(const T &v) noexcept {
-    if (size_ == cap_) {
-        size_t cap = cap_ == 0 ? 256 : cap_ * 2;
-        T *p = static_cast<T *>(realloc(data_, cap * sizeof(T)));
-        if (p == nullptr) return false;
-        data_ = p;
-        cap_ = cap;
-    }
-    data_[size_++] = v;
-    return true;
-}
-
 // Entries carry their enumeration order, which breaks ties: std::sort then
 // gives the order a stable sort would, without a temporary buffer.
 template <class T, class Less>

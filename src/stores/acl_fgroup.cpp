@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "common/heap_array.hpp"
 #include "stores/rulestore.hpp"
 #include "stores/rulestore_io.hpp"
 
@@ -98,15 +99,15 @@ int read_fgroup_record(FILE *stream, fgrouphdr *hdr, rulentry **entries, mpath *
     hdr->member_cnt = numbers[1];
     hdr->mode = numbers[2];
     hdr->polgrp_id = numbers[3];
-    mg::rules::Grow<rulentry> rules;
+    mg::HeapArray<rulentry> rules;
     for (int i = 0; i < hdr->rule_cnt; ++i) {
-        rulentry *e = rules.next();
+        rulentry *e = rules.push_zeroed();
         if (e == nullptr) return -1;
         if (read_rulentry(stream, e) != 0) return set_errno(MG_ERR_RULE_FORMAT);
     }
-    mg::rules::Grow<mpath> paths;
+    mg::HeapArray<mpath> paths;
     for (int i = 0; i < hdr->member_cnt; ++i) {
-        mpath *m = paths.next();
+        mpath *m = paths.push_zeroed();
         if (m == nullptr) return -1;
         if (read_member_path(stream, m) != 0) return set_errno(MG_ERR_RULE_FORMAT);
     }

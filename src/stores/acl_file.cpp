@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/heap_array.hpp"
 #include "stores/rulestore.hpp"
 #include "stores/rulestore_io.hpp"
 
@@ -281,9 +282,9 @@ int read_facl_record(FILE *stream, faclhdr *hdr, rulentry **entries) noexcept {
     hdr->mode = numbers[1];
     hdr->flag = static_cast<uint16_t>(numbers[2]);
     hdr->polgrp_id = numbers[3];
-    mg::rules::Grow<rulentry> rules;
+    mg::HeapArray<rulentry> rules;
     for (int i = 0; i < hdr->rule_cnt; ++i) {
-        rulentry *e = rules.next();
+        rulentry *e = rules.push_zeroed();
         if (e == nullptr) return -1;
         if (read_rulentry(stream, e) != 0) return set_errno(MG_ERR_RULE_FORMAT);
     }

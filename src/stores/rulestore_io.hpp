@@ -68,34 +68,4 @@ inline int upload_error() noexcept {
     }
 }
 
-// A growing array of records read from a file: the count a file states never
-// makes an allocation larger than the lines that follow it.
-template <class T>
-class Grow {
-public:
-    ~Grow() { free(p_); }
-    T *next() noexcept {
-        if (n_ == cap_) {
-            size_t cap = cap_ == 0 ? 8 : cap_ * 2;
-            T *grown = static_cast<T *>(realloc(p_, cap * sizeof(T)));
-            if (grown == nullptr) return nullptr;
-            p_ = grown;
-            cap_ = cap;
-        }
-        T *slot = p_ + n_++;
-        memset(slot, 0, sizeof(T));
-        return slot;
-    }
-    T *release() noexcept {
-        T *p = p_;
-        p_ = nullptr;
-        n_ = cap_ = 0;
-        return p;
-    }
-
-private:
-    T *p_ = nullptr;
-    size_t n_ = 0, cap_ = 0;
-};
-
 }  // namespace mg::rules
