@@ -31,4 +31,17 @@ inline constexpr size_t kMaxToken = 1023;
 // the string leaves *next nullptr. Tokens longer than kMaxToken are cut.
 char *scan_token(char *from, char **next) noexcept;
 
+// strtok-style scanning with scan_token: str starts a new string, nullptr
+// goes on after the last token. A token that runs to the end of the string
+// leaves the remembered position where it was (lines read with their newline
+// always end a value at the newline, and callers rely on nothing else).
+inline char *next_token(char *str, char *&remembered) noexcept {
+    char *from = str != nullptr ? str : remembered;
+    if (from == nullptr) return nullptr;
+    char *next = nullptr;
+    char *token = scan_token(from, &next);
+    if (next != nullptr) remembered = next;
+    return token;
+}
+
 }  // namespace mg::text

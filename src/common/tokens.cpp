@@ -112,14 +112,4 @@ int count_char(const char *str, int ch) noexcept {
     return n;
 }
 
-// A token that runs to the end of the string leaves the continuation where it
-// was: lines read with their newline always end a value at the newline, and
-// callers rely on nothing else.
-char *get_token(char *str) noexcept {
-    char *from = str != nullptr ? str : g_token_next;
-    if (from == nullptr) return nullptr;
-    char *next = nullptr;
-    char *token = mg::text::scan_token(from, &next);
-    if (next != nullptr) g_token_next = next;
-    return token;
-}
+char *get_token(char *str) noexcept { return mg::text::next_token(str, g_token_next); }

@@ -177,14 +177,7 @@ int get_confpath(void) noexcept {
     return 1;
 }
 
-char *get_token2(char *line) noexcept {
-    char *from = line != nullptr ? line : g_token2_next;
-    if (from == nullptr) return nullptr;
-    char *next = nullptr;
-    char *token = mg::text::scan_token(from, &next);
-    if (next != nullptr) g_token2_next = next;
-    return token;
-}
+char *get_token2(char *line) noexcept { return mg::text::next_token(line, g_token2_next); }
 
 void init_rgconfig_to_ns(unsigned char *block) noexcept {
     if (block != nullptr) memset(block, MG_RGCONF_NOT_SET, MG_RGCONF_SIZE);
