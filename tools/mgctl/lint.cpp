@@ -99,8 +99,8 @@ void check_time(Report &report, const std::string &path, int lineno, const char 
         report.warning(path, lineno, "time field needs hours, days, months and weekdays: the line never applies");
         return;
     }
-    int hours_low = 0, hours_high = 0;
-    if (std::sscanf(field, "%d-%d", &hours_low, &hours_high) == 1 || (field[0] != '*' && std::strchr(field, '-') == nullptr))
+    const std::string hours(field, std::strcspn(field, " "));
+    if (hours != "*" && hours.find('-') == std::string::npos)
         report.warning(path, lineno, "a single hour never matches (the end hour of a range is excluded)");
 }
 
