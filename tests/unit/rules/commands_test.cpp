@@ -21,31 +21,26 @@ protected:
         c.priority = static_cast<unsigned char>(priority);
         return c;
     }
-    // "name/priority,..." of a run of records.
-    static std::string names(const cmdent *r, int n) {
-        std::string s;
+    // "name/priority,..." of the records in the file, or in the kernel's table.
+    std::string names(bool kernel = false) {
+        std::string raw = get("cmd_file"), s;
+        cmdent k[64];
+        const cmdent *r = kernel ? k : reinterpret_cast<const cmdent *>(raw.data());
+        const int n = kernel ? mgsim_read_table(MGSIM_T_CMD, k, 64) : static_cast<int>(raw.size() / 64);
         for (int i = 0; i < n; ++i) s += std::string(r[i].command) + "/" + std::to_string(r[i].priority) + ",";
         return s;
-    }
-    std::string in_file() {
-        const std::string raw = get("cmd_file");
-        return names(reinterpret_cast<const cmdent *>(raw.data()), static_cast<int>(raw.size() / 64));
-    }
-    std::string in_kernel() {
-        cmdent r[64];
-        return names(r, mgsim_read_table(MGSIM_T_CMD, r, 64));
     }
 };
 
 TEST_F(Commands, PriorityRecordsStayAheadAndEveryChangeIsUploaded) {
     for (const cmdent &c : {rec("a", 1), rec("b"), rec("c"), rec("new", 1), rec("d")}) ASSERT_EQ(addcmdent(&c), 0);
-    EXPECT_EQ(in_file(), "a/1,new/1,b/0,c/0,d/0,");
-    EXPECT_EQ(in_kernel(), in_file());
+    EXPECT_EQ(names(), "a/1,new/1,b/0,c/0,d/0,");
+    EXPECT_EQ(names(true), names());
     EXPECT_EQ(get(".cmd_file_bak"), get("cmd_file"));
     EXPECT_EQ(mgtest::file_mode(file("cmd_file")), 0444u);
     const cmdent moved = rec("d", 1), a = rec("a"), absent = rec("zz");
     ASSERT_EQ(modcmdent(&moved), 0);
-    EXPECT_EQ(in_file(), "a/1,new/1,d/1,b/0,c/0,");
+    EXPECT_EQ(names(), "a/1,new/1,d/1,b/0,c/0,");
 
     const std::string before = get("cmd_file");
     subs();
@@ -60,11 +55,11 @@ TEST_F(Commands, PriorityRecordsStayAheadAndEveryChangeIsUploaded) {
 
     ASSERT_EQ(0, mgsim_set_absent(1));  // without the module only the file changes
     EXPECT_EQ(delcmdent("a"), 0);
-    EXPECT_EQ(in_file(), "new/1,d/1,b/0,c/0,");
+    EXPECT_EQ(names(), "new/1,d/1,b/0,c/0,");
     ASSERT_EQ(0, mgsim_set_absent(0));
     ASSERT_EQ(0, mgsim_set_fail(""));
     EXPECT_EQ(delcmdall(), 0);
-    EXPECT_EQ(in_file() + in_kernel(), "");
+    EXPECT_EQ(names() + names(true), "");
 }
 
 TEST_F(Commands, FiftyRecordsAndTheEnumeration) {
@@ -100,7 +95,7 @@ TEST_F(Commands, FiftyRecordsAndTheEnumeration) {
     out.count = 1;
     out.records[0] = rec("/only", 1);
     ASSERT_EQ(export_rstcmd_to_file(&out), 0);
-    EXPECT_EQ(in_file(), "/only/1,");
+    EXPECT_EQ(names(), "/only/1,");
     EXPECT_EQ(get(".cmd_file_bak"), std::string(100, 'x'));
 }
 
@@ -155,13 +150,12 @@ TEST_F(Commands, AllowedListTheKernelFirstThenTheFile) {
     ASSERT_EQ(del_all_alcmd_list(), 0);
     EXPECT_EQ(mgsim_count(MGSIM_T_ALCMD), 0);
 
-    const struct { const char *text; int result; } files[] = {
-        {"/bin/a\n1:0:0\n", -1}, {"/bin/a\n", -1}, {"bin/a\n1:0:0:0\n", -1}, {"/bin/a\n1:0:1:0\n", -1}, {"", 0},
-    };
-    for (const auto &c : files) {
-        put("alcmd_file", c.text);
-        EXPECT_EQ(make_alcmdlist(3, nullptr, &list), c.result) << c.text;
+    for (const char *bad : {"/bin/a\n1:0:0\n", "/bin/a\n", "bin/a\n1:0:0:0\n", "/bin/a\n1:0:1:0\n"}) {
+        put("alcmd_file", bad);
+        EXPECT_EQ(make_alcmdlist(3, nullptr, &list), -1) << bad;
     }
+    put("alcmd_file", "");
+    EXPECT_EQ(make_alcmdlist(3, nullptr, &list), 0);
     unlink(file("alcmd_file").c_str());
     EXPECT_EQ(make_alcmdlist(3, nullptr, &list), 0);
     EXPECT_EQ(make_alcmdlist(1, nullptr, &list), -1);

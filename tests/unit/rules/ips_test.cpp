@@ -24,8 +24,7 @@ protected:
     }
     void TearDown() override { mgsim_use_state(nullptr); }
 
-    // Reads text as ips.conf from an all-unset block; the result, the block
-    // and what was printed (the reading runs in a child, which reports through a file).
+    // Reads text as ips.conf from an all-unset block, in a child that reports through a file.
     int read(const std::string &text, Block &block, std::string *out = nullptr, int request = MG_RGCONF_REQ_UNSET) {
         mgtest::write_file(path, text);
         const std::string printed = mgtest::capture_stdout([&] {
@@ -74,30 +73,22 @@ TEST_F(Ips, ReadingSettingsOneLineAtATime) {
     EXPECT_EQ(make_rgconf_from_file(5, block.data(), dir.path().c_str()), -1);  // not a regular file
 }
 
-uint32_t word(const Block &b, int at) {
-    uint32_t w;
-    memcpy(&w, b.data() + at, sizeof w);
-    return w;
-}
-
 TEST_F(Ips, VerifyingBlocksByteByByte) {
-    const Block ok{1, 3, 64, 128, 0, 128, 64, 1, 3, 0, 128, 128, 128, 0, 3, 1, 128, 3, 0, 99, 77, 77};
-    auto all = [](const Block &b) { return verify_config(word(b, 0), word(b, 4), word(b, 8), word(b, 12), word(b, 16)); };
-    auto part = [](const Block &b, int byte) {
-        return byte < 4 ? verify_config_mode(word(b, 0))
-                        : byte < 12 ? verify_config_opt(word(b, 4), word(b, 8)) : verify_config_ips(word(b, 12), word(b, 16));
-    };
-    EXPECT_EQ(all(ok) * 1000 + part(ok, 0) * 100 + part(ok, 4) * 10 + part(ok, 12), 1111);
-    const struct { int byte, value, whole, part; } bad[] = {
-        {0, 128, 0, 0}, {0, 64, 0, 0}, {3, 1, 0, 0}, {4, 128, 0, 0}, {8, 64, 0, 0},
+    // byte, value, the whole check, the check of the byte's part (mode 0-3, options 4-11, protections 12-18).
+    const struct { int byte, value, whole, part; } cases[] = {
+        {-1, 0, 1, 1}, {0, 128, 0, 0}, {0, 64, 0, 0}, {3, 1, 0, 0}, {4, 128, 0, 0}, {8, 64, 0, 0},
         {11, 1, 0, 1},  // the option check alone accepts warn for encryption
-        {12, 1, 0, 0},  {18, 2, 0, 0},
+        {12, 1, 0, 0},  {18, 2, 0, 0}, {19, 2, 1, 1},
     };
-    for (const auto &c : bad) {
-        Block b = ok;
-        b[c.byte] = static_cast<unsigned char>(c.value);
-        EXPECT_EQ(all(b), c.whole) << c.byte;
-        EXPECT_EQ(part(b, c.byte), c.part) << c.byte;
+    for (const auto &c : cases) {
+        Block b{1, 3, 64, 128, 0, 128, 64, 1, 3, 0, 128, 128, 128, 0, 3, 1, 128, 3, 0, 99, 77, 77};
+        if (c.byte >= 0) b[c.byte] = static_cast<unsigned char>(c.value);
+        uint32_t w[5];
+        memcpy(w, b.data(), sizeof w);
+        EXPECT_EQ(verify_config(w[0], w[1], w[2], w[3], w[4]), c.whole) << c.byte;
+        const int part = c.byte < 4 ? verify_config_mode(w[0]) : c.byte < 12 ? verify_config_opt(w[1], w[2])
+                                                                               : verify_config_ips(w[3], w[4]);
+        EXPECT_EQ(part, c.part) << c.byte;
     }
 }
 

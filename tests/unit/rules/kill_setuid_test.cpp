@@ -11,21 +11,18 @@ namespace {
 using rulestest::code;
 
 TEST(DenyMask, NamesAndMasks) {
-    const struct { const char *text; int result; uint32_t mask; } reads[] = {
-        {"KILL:TERM", 0, 0x6}, {"ALL:HUP", 0, MG_DENY_ALL}, {"ETC", 0, 0x80000000}, {"", -1, 0}, {"KILL:", -1, 0},
+    // text read, its mask (0: refused), the mask written back and its text
+    const struct { const char *text; uint32_t mask, back; const char *written; } cases[] = {
+        {"KILL:TERM", 0x6, 0x7F, "HUP:KILL:TERM:STOP:CONT:USR1:USR2"}, {"ALL:HUP", MG_DENY_ALL, 0, ""},
+        {"ETC", 0x80000000, 0x80000006, "KILL:TERM:ETC"}, {"", 0, 0xFFFFFFFF, "ALL"}, {"KILL:", 0, MG_DENY_ALL, "ALL"},
     };
-    for (const auto &c : reads) {
+    for (const auto &c : cases) {
         uint32_t mask = 0;
-        EXPECT_EQ(str2denymask(c.text, &mask), c.result) << c.text;
-        EXPECT_EQ(mask, c.mask) << c.text;
-    }
-    const struct { uint32_t mask; const char *text; } writes[] = {
-        {0x7F, "HUP:KILL:TERM:STOP:CONT:USR1:USR2"}, {0, ""}, {0x80000006, "KILL:TERM:ETC"}, {0xFFFFFFFF, "ALL"},
-    };
-    for (const auto &c : writes) {
         char out[MG_DENYMASK_STR];
-        EXPECT_EQ(denymask2str(c.mask, out), 0);
-        EXPECT_STREQ(out, c.text);
+        EXPECT_EQ(str2denymask(c.text, &mask), c.mask ? 0 : -1) << c.text;
+        EXPECT_EQ(mask, c.mask) << c.text;
+        EXPECT_EQ(denymask2str(c.back, out), 0);
+        EXPECT_STREQ(out, c.written);
     }
     EXPECT_EQ(code(denymask2str(1, nullptr)), EINVAL);
 }
@@ -35,9 +32,7 @@ class KillSetuid : public rulestest::RootTest {};
 TEST_F(KillSetuid, KillAclLoadsLazilyAndMalformedFilesLeaveItEmpty) {
     const std::string text = "[KACL]\n/usr/sbin/sshd\n1\nKILL:TERM\n[/KACL]\n[KACL]\nrelative ok\n0\nALL\n[/KACL]\n";
     put("acl_kill", "# kill\n" + text);
-    kaclent e{};
-    strcpy(e.path, "/bin/x");
-    e.denymask = 1;
+    kaclent e{"/bin/x", 0, 1};
     ASSERT_EQ(add_kill_acl(&e), 0);  // loads the file first
     EXPECT_EQ(mgsim_count(MGSIM_T_KILL), 3);
     ASSERT_EQ(del_kill_acl(&e), 0);
@@ -86,8 +81,7 @@ TEST_F(KillSetuid, FinderListsSetIdRegularFilesDepthFirst) {
     const std::string top = dir / "tree";
     ASSERT_EQ(mkdir(top.c_str(), 0755), 0);
     ASSERT_EQ(mkdir((top + "/sub").c_str(), 0755), 0);
-    mgtest::write_file(top + "/plain", "x");
-    for (const char *name : {"/sub/suid", "/sgid"}) mgtest::write_file(top + name, "x");
+    for (const char *name : {"/plain", "/sub/suid", "/sgid"}) mgtest::write_file(top + name, "x");
     ASSERT_EQ(chmod((top + "/sub/suid").c_str(), 04755), 0);
     ASSERT_EQ(chmod((top + "/sgid").c_str(), 02755), 0);
     ASSERT_EQ(symlink((top + "/sgid").c_str(), (top + "/link").c_str()), 0);

@@ -1,6 +1,5 @@
-// A scratch installation root with a data directory, an "/etc/.evmg" that
-// names it, and a fresh simulated kernel (module stopped) whose calls are
-// logged.
+// A scratch root with a data directory, an "/etc/.evmg" naming it, and a fresh
+// simulated kernel (module stopped) whose calls are logged.
 #pragma once
 
 #include <mossgrove/kernel.h>
@@ -12,8 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <string>
-#include <vector>
 
 #include "common/paths.hpp"
 #include "mgsim.h"
@@ -34,10 +31,7 @@ protected:
         ASSERT_EQ(0, mgsim_reset());
         ASSERT_EQ(0, mgsim_set_log(log.c_str()));
     }
-    void TearDown() override {
-        mgsim_use_state(nullptr);
-        mg::paths::override_for_tests(nullptr, nullptr, nullptr);
-    }
+    void TearDown() override { mgsim_use_state(nullptr), mg::paths::override_for_tests(nullptr, nullptr, nullptr); }
     // Sub-commands made since the last call (probes left out).
     std::vector<long> subs() {
         std::vector<mgsim_call> calls(1 << 16);
