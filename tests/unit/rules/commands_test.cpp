@@ -91,9 +91,7 @@ TEST_F(Commands, FiftyRecordsAndTheEnumeration) {
     EXPECT_EQ(code(delcmdent("x")), MG_ERR_CMD_NOTFOUND);
     put("cmd_file", std::string(100, 'x'));
     EXPECT_EQ(code(delcmdent("x")), MG_ERR_CMD_SHORT);
-    cmdent_list out{};
-    out.count = 1;
-    out.records[0] = rec("/only", 1);
+    cmdent_list out{.count = 1, .records = {rec("/only", 1)}};
     ASSERT_EQ(export_rstcmd_to_file(&out), 0);
     EXPECT_EQ(names(), "/only/1,");
     EXPECT_EQ(get(".cmd_file_bak"), std::string(100, 'x'));
