@@ -1,11 +1,12 @@
 // Restricted commands (fixed records, priority order, kernel upload before the
 // rename) and allowed commands (the kernel's list first, the file second).
-#include <cerrno>
 #include <cstring>
 
 #include "rules_fixture.hpp"
 
 namespace {
+
+using rulestest::code;
 
 class Commands : public rulestest::RootTest {
 protected:
@@ -14,77 +15,61 @@ protected:
         ASSERT_EQ(chk_mgrootdir(), 1);
         set_cmdpath();
     }
-    static cmdent rec(const char *command, int priority) {
+    static cmdent rec(const std::string &command, int priority = 0) {
         cmdent c{};
-        strncpy(c.command, command, sizeof c.command - 1);
+        strncpy(c.command, command.c_str(), sizeof c.command - 1);
         c.priority = static_cast<unsigned char>(priority);
         return c;
     }
-    // "name/priority,..." of a run of records.
-    static std::string names(const cmdent *r, int n) {
-        std::string s;
+    // "name/priority,..." of the records in the file, or in the kernel's table.
+    std::string names(bool kernel = false) {
+        std::string raw = get("cmd_file"), s;
+        cmdent k[64];
+        const cmdent *r = kernel ? k : reinterpret_cast<const cmdent *>(raw.data());
+        const int n = kernel ? mgsim_read_table(MGSIM_T_CMD, k, 64) : static_cast<int>(raw.size() / 64);
         for (int i = 0; i < n; ++i) s += std::string(r[i].command) + "/" + std::to_string(r[i].priority) + ",";
         return s;
-    }
-    std::string in_file() {
-        std::string raw = mgtest::read_file(file("cmd_file"));
-        return names(reinterpret_cast<const cmdent *>(raw.data()), static_cast<int>(raw.size() / 64));
-    }
-    std::string in_kernel() {
-        cmdent r[64];
-        return names(r, mgsim_read_table(MGSIM_T_CMD, r, 64));
     }
 };
 
 TEST_F(Commands, PriorityRecordsStayAheadAndEveryChangeIsUploaded) {
-    for (const cmdent &c : {rec("a", 1), rec("b", 0), rec("c", 0), rec("new", 1), rec("d", 0)}) ASSERT_EQ(addcmdent(&c), 0);
-    EXPECT_EQ(in_file(), "a/1,new/1,b/0,c/0,d/0,");
-    EXPECT_EQ(in_kernel(), in_file());
-    EXPECT_EQ(mgtest::read_file(file(".cmd_file_bak")), mgtest::read_file(file("cmd_file")));
+    for (const cmdent &c : {rec("a", 1), rec("b"), rec("c"), rec("new", 1), rec("d")}) ASSERT_EQ(addcmdent(&c), 0);
+    EXPECT_EQ(names(), "a/1,new/1,b/0,c/0,d/0,");
+    EXPECT_EQ(names(true), names());
+    EXPECT_EQ(get(".cmd_file_bak"), get("cmd_file"));
     EXPECT_EQ(mgtest::file_mode(file("cmd_file")), 0444u);
-    const cmdent moved = rec("d", 1);
+    const cmdent moved = rec("d", 1), a = rec("a"), absent = rec("zz");
     ASSERT_EQ(modcmdent(&moved), 0);
-    EXPECT_EQ(in_file(), "a/1,new/1,d/1,b/0,c/0,");
+    EXPECT_EQ(names(), "a/1,new/1,d/1,b/0,c/0,");
 
-    const std::string before = mgtest::read_file(file("cmd_file"));
+    const std::string before = get("cmd_file");
     subs();
-    const cmdent a = rec("a", 0), absent = rec("zz", 0);
-    const struct { int result, code; } refused[] = {
-        {addcmdent(&a), MG_ERR_CMD_EXISTS},  {delcmdent("zz"), MG_ERR_CMD_NOTFOUND},
-        {modcmdent(&absent), MG_ERR_CMD_NOTFOUND}, {addcmdent(nullptr), MG_ERR_CMD_NULL},
-    };
-    for (const auto &c : refused) EXPECT_EQ(c.result, -1);
-    errno = 0;
-    EXPECT_EQ(delcmdent("zz"), -1);
-    EXPECT_EQ(errno, MG_ERR_CMD_NOTFOUND);
-    EXPECT_FALSE(made(subs(), 26));
-    EXPECT_EQ(mgtest::read_file(file("cmd_file")), before);
-
+    EXPECT_EQ(code(addcmdent(&a)), MG_ERR_CMD_EXISTS);
+    EXPECT_EQ(code(delcmdent("zz")), MG_ERR_CMD_NOTFOUND);
+    EXPECT_EQ(code(modcmdent(&absent)), MG_ERR_CMD_NOTFOUND);
+    EXPECT_EQ(code(addcmdent(nullptr)), MG_ERR_CMD_NULL);
+    EXPECT_EQ(times(subs(), 26), 0);
     ASSERT_EQ(0, mgsim_set_fail("26:22"));
-    EXPECT_EQ(delcmdent("a"), -1);
-    EXPECT_EQ(errno, MG_ERR_CMD_UPLOAD);
-    EXPECT_EQ(mgtest::read_file(file("cmd_file")), before);
+    EXPECT_EQ(code(delcmdent("a")), MG_ERR_CMD_UPLOAD);
+    EXPECT_EQ(get("cmd_file"), before);
 
-    // Without the module only the file changes.
-    ASSERT_EQ(0, mgsim_set_absent(1));
+    ASSERT_EQ(0, mgsim_set_absent(1));  // without the module only the file changes
     EXPECT_EQ(delcmdent("a"), 0);
-    EXPECT_EQ(in_file(), "new/1,d/1,b/0,c/0,");
+    EXPECT_EQ(names(), "new/1,d/1,b/0,c/0,");
     ASSERT_EQ(0, mgsim_set_absent(0));
     ASSERT_EQ(0, mgsim_set_fail(""));
     EXPECT_EQ(delcmdall(), 0);
-    EXPECT_EQ(in_file(), "");
-    EXPECT_EQ(in_kernel(), "");
+    EXPECT_EQ(names() + names(true), "");
 }
 
 TEST_F(Commands, FiftyRecordsAndTheEnumeration) {
     ASSERT_EQ(0, mgsim_set_absent(1));
     for (int i = 0; i < 50; ++i) {
-        const cmdent c = rec(("/bin/c" + std::to_string(i)).c_str(), 0);
+        const cmdent c = rec("/bin/c" + std::to_string(i));
         ASSERT_EQ(addcmdent(&c), 0) << i;
     }
-    const cmdent extra = rec("/bin/x", 0);
-    EXPECT_EQ(addcmdent(&extra), -1);
-    EXPECT_EQ(errno, MG_ERR_CMD_FULL);
+    const cmdent extra = rec("/bin/x");
+    EXPECT_EQ(code(addcmdent(&extra)), MG_ERR_CMD_FULL);
 
     // A lost store comes back from the backup for the enumeration only.
     ASSERT_EQ(unlink(file("cmd_file").c_str()), 0);
@@ -100,24 +85,19 @@ TEST_F(Commands, FiftyRecordsAndTheEnumeration) {
     EXPECT_EQ(loadcmdent(), 0);
     EXPECT_EQ(mgsim_count(MGSIM_T_CMD), 50);
 
-    mgtest::write_file(file("cmd_file"), std::string(63, 'x'));
+    put("cmd_file", std::string(63, 'x'));
     EXPECT_EQ(getcmdent(), nullptr);
     EXPECT_EQ(errno, MG_ERR_CMD_EMPTY);
-    EXPECT_EQ(delcmdent("x"), -1);
-    EXPECT_EQ(errno, MG_ERR_CMD_NOTFOUND);
-    mgtest::write_file(file("cmd_file"), std::string(100, 'x'));
-    EXPECT_EQ(delcmdent("x"), -1);
-    EXPECT_EQ(errno, MG_ERR_CMD_SHORT);
-
-    cmdent_list out{};
-    out.count = 1;
-    out.records[0] = rec("/only", 1);
+    EXPECT_EQ(code(delcmdent("x")), MG_ERR_CMD_NOTFOUND);
+    put("cmd_file", std::string(100, 'x'));
+    EXPECT_EQ(code(delcmdent("x")), MG_ERR_CMD_SHORT);
+    cmdent_list out{.count = 1, .records = {rec("/only", 1)}};
     ASSERT_EQ(export_rstcmd_to_file(&out), 0);
-    EXPECT_EQ(in_file(), "/only/1,");
-    EXPECT_EQ(mgtest::read_file(file(".cmd_file_bak")), std::string(100, 'x'));
+    EXPECT_EQ(names(), "/only/1,");
+    EXPECT_EQ(get(".cmd_file_bak"), std::string(100, 'x'));
 }
 
-alcmd entry(const char *path, int o1, int o2, int o3, int o4) {
+alcmd entry(const char *path, int o1, int o2 = 0, int o3 = 0, int o4 = 0) {
     alcmd e{};
     strncpy(e.path, path, sizeof e.path - 1);
     e.opt1 = o1;
@@ -128,61 +108,52 @@ alcmd entry(const char *path, int o1, int o2, int o3, int o4) {
 }
 
 TEST_F(Commands, AllowedEntriesAreChecked) {
-    const struct { alcmd e; int mode, result; } cases[] = {
-        {entry("/a", 1, 0, 0, 0), 2, 0},  {entry("/a", 3, 1, 0, 0), 2, 0},  {entry("/a", 1, 7, 7, 1), 2, 0},
-        {entry("/a", 1, 7, 8, 1), 2, -1}, {entry("/a", 1, 0, 1, 0), 2, -1}, {entry("/a", 1, 6, 1, 2), 2, 0},
-        {entry("/a", 1, 6, 1, 1), 2, -1},  // category 1 is of type 3
-        {entry("/a", 1, 6, 1, 5), 2, -1},  // no category 5
-        {entry("/a", 4, 0, 0, 0), 1, -1}, {entry("/a", 1, 2, 0, 0), 3, -1}, {entry("a", 1, 0, 0, 0), 0, -1},
-        {entry("/a", 9, 9, 9, 9), 0, 0},
+    const struct { const char *path; int mode, o1, o2, o3, o4, result; } cases[] = {
+        {"/a", 2, 1, 0, 0, 0, 0}, {"/a", 2, 3, 1, 0, 0, 0}, {"/a", 2, 1, 7, 7, 1, 0}, {"/a", 2, 1, 7, 8, 1, -1},
+        {"/a", 2, 1, 0, 1, 0, -1}, {"/a", 2, 1, 6, 1, 2, 0}, {"/a", 2, 1, 6, 1, 1, -1},  // category 1 is of type 3
+        {"/a", 2, 1, 6, 1, 5, -1},  // no category 5
+        {"/a", 1, 4, 0, 0, 0, -1}, {"/a", 3, 1, 2, 0, 0, -1}, {"a", 0, 1, 0, 0, 0, -1}, {"/a", 0, 9, 9, 9, 9, 0},
     };
-    for (const auto &c : cases) EXPECT_EQ(check_alcmd(c.mode, &c.e), c.result) << c.e.opt1 << c.e.opt2 << c.e.opt3 << c.e.opt4;
-    alcmd cat2 = entry("/a", 1, 6, 1, 2);
-    cat2.opt4 = 2;
-    EXPECT_EQ(check_alcmd(2, &cat2), 0);
+    for (const auto &c : cases) {
+        const alcmd e = entry(c.path, c.o1, c.o2, c.o3, c.o4);
+        EXPECT_EQ(check_alcmd(c.mode, &e), c.result) << c.mode << c.o1 << c.o2 << c.o3 << c.o4;
+    }
 }
 
 TEST_F(Commands, AllowedListTheKernelFirstThenTheFile) {
     std::string text = "# allowed\n";
     for (int i = 0; i < 60; ++i) text += "/bin/p" + std::to_string(i) + "\n1:0:0:0\n";
-    mgtest::write_file(file("alcmd_file"), text);
+    put("alcmd_file", text);
     alcmd_list list{};
     ASSERT_EQ(get_alcmd_list(&list), 0);
     EXPECT_EQ(list.count, 50);
-
-    const alcmd add = entry("/usr/bin/new", 2, 7, 3, 1);
+    const alcmd add = entry("/usr/bin/new", 2, 7, 3, 1), mod = entry("/bin/a", 2, 1);
     ASSERT_EQ(add_alcmd_list(&add), -1) << "the list is full";
-    mgtest::write_file(file("alcmd_file"), "/bin/a\n1:0:0:0\n/bin/b\n3:1:0:0\n");
+    put("alcmd_file", "/bin/a\n1:0:0:0\n/bin/b\n3:1:0:0\n");
     ASSERT_EQ(add_alcmd_list(&add), 0);
     EXPECT_EQ(mgsim_count(MGSIM_T_ALCMD), 3);
-    const std::string exported =
-        "#\n# Allowed Commands List\n#\n\n/bin/a\n1:0:0:0\n/bin/b\n3:1:0:0\n/usr/bin/new\n2:7:3:1\n";
-    EXPECT_EQ(mgtest::read_file(file("alcmd_file")), exported);
+    const std::string head = "#\n# Allowed Commands List\n#\n\n";
+    EXPECT_EQ(get("alcmd_file"), head + "/bin/a\n1:0:0:0\n/bin/b\n3:1:0:0\n/usr/bin/new\n2:7:3:1\n");
 
-    // The kernel's list is the master: the file is not read any more.
-    mgtest::write_file(file("alcmd_file"), "broken\n");
-    const alcmd mod = entry("/bin/a", 2, 1, 0, 0);
+    put("alcmd_file", "broken\n");  // the kernel's list is the master: the file is not read any more
     ASSERT_EQ(mod_alcmd_list(&mod), 0);
     ASSERT_EQ(del_alcmd_list(&add), 0);
-    EXPECT_EQ(mgtest::read_file(file("alcmd_file")), "#\n# Allowed Commands List\n#\n\n/bin/a\n2:1:0:0\n/bin/b\n3:1:0:0\n");
+    EXPECT_EQ(get("alcmd_file"), head + "/bin/a\n2:1:0:0\n/bin/b\n3:1:0:0\n");
     EXPECT_EQ(del_alcmd_list(&add), -1);
     EXPECT_EQ(add_alcmd_list(&mod), -1) << "same path";
-
     ASSERT_EQ(0, mgsim_set_absent(1));
     EXPECT_EQ(get_alcmd_list(&list), -1);
-    EXPECT_EQ(add_alcmd_list(&add), -1);
     EXPECT_EQ(del_all_alcmd_list(), -1);
     ASSERT_EQ(0, mgsim_set_absent(0));
     ASSERT_EQ(del_all_alcmd_list(), 0);
     EXPECT_EQ(mgsim_count(MGSIM_T_ALCMD), 0);
 
-    const struct { const char *text; int result; } files[] = {
-        {"/bin/a\n1:0:0\n", -1}, {"/bin/a\n", -1}, {"bin/a\n1:0:0:0\n", -1}, {"/bin/a\n1:0:1:0\n", -1}, {"", 0},
-    };
-    for (const auto &c : files) {
-        mgtest::write_file(file("alcmd_file"), c.text);
-        EXPECT_EQ(make_alcmdlist(3, nullptr, &list), c.result) << c.text;
+    for (const char *bad : {"/bin/a\n1:0:0\n", "/bin/a\n", "bin/a\n1:0:0:0\n", "/bin/a\n1:0:1:0\n"}) {
+        put("alcmd_file", bad);
+        EXPECT_EQ(make_alcmdlist(3, nullptr, &list), -1) << bad;
     }
+    put("alcmd_file", "");
+    EXPECT_EQ(make_alcmdlist(3, nullptr, &list), 0);
     unlink(file("alcmd_file").c_str());
     EXPECT_EQ(make_alcmdlist(3, nullptr, &list), 0);
     EXPECT_EQ(make_alcmdlist(1, nullptr, &list), -1);

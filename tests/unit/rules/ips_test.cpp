@@ -24,21 +24,19 @@ protected:
     }
     void TearDown() override { mgsim_use_state(nullptr); }
 
-    // Reads text as ips.conf from an all-unset block; the result, the block
-    // and what was printed.
+    // Reads text as ips.conf from an all-unset block, in a child that reports through a file.
     int read(const std::string &text, Block &block, std::string *out = nullptr, int request = MG_RGCONF_REQ_UNSET) {
         mgtest::write_file(path, text);
-        int result = -2;
-        std::string printed = mgtest::capture_stdout([&] {
+        const std::string printed = mgtest::capture_stdout([&] {
             block.fill(0);
-            int r = make_rgconf_from_file(request, block.data(), path.c_str());
-            // The child reports through a file: the block and the result.
+            const int r = make_rgconf_from_file(request, block.data(), path.c_str());
             FILE *f = fopen((dir / "result").c_str(), "w");
             fwrite(&r, sizeof r, 1, f);
             fwrite(block.data(), block.size(), 1, f);
             fclose(f);
         });
-        std::string got = mgtest::read_file(dir / "result");
+        const std::string got = mgtest::read_file(dir / "result");
+        int result = -2;
         memcpy(&result, got.data(), sizeof result);
         memcpy(block.data(), got.data() + sizeof result, block.size());
         if (out != nullptr) *out = printed;
@@ -50,13 +48,7 @@ protected:
 };
 
 TEST_F(Ips, ReadingSettingsOneLineAtATime) {
-    const struct {
-        const char *text;
-        int result;
-        int byte;  // checked byte, -1 none
-        int value;
-        const char *printed;
-    } cases[] = {
+    const struct { const char *text; int result, byte /* checked, -1 none */, value; const char *printed; } cases[] = {
         {"MACMODE = on # strict\n", 1, 0, 3, ""},
         {"MACMODE off\n", -1, -1, 0, "Invalid Value: MACMODE = off\n"},
         {"FOO on\nmacmode on\n", 0, 0, 128, ""},
@@ -66,68 +58,48 @@ TEST_F(Ips, ReadingSettingsOneLineAtATime) {
         {"FIFO\t=\t=warn\nCHROOT=on", 2, 18, 3, ""},
         {"ENCRYPT warn\n", -1, -1, 0, "Invalid Value: ENCRYPT = warn\n"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text);
-        Block block;
-        std::string printed;
-        EXPECT_EQ(read(c.text, block, &printed), c.result);
-        EXPECT_EQ(printed, c.printed);
-        if (c.byte >= 0) {
-            EXPECT_EQ(block[c.byte], c.value);
-        }
-    }
     Block block;
     std::string printed;
+    for (const auto &c : cases) {
+        EXPECT_EQ(read(c.text, block, &printed), c.result) << c.text;
+        EXPECT_EQ(printed, c.printed) << c.text;
+        EXPECT_EQ(c.byte < 0 ? c.value : block[c.byte], c.value) << c.text;
+    }
     EXPECT_EQ(read("MACMODE on\n", block, &printed, 2), -1);
     EXPECT_EQ(printed, "Invalid Request\n");
     // From the kernel's block: the simulator's fresh block, then the file's change.
     EXPECT_EQ(read("DACMODE on\n", block, nullptr, MG_RGCONF_REQ_KERNEL), 1);
-    EXPECT_EQ(block[0], 1);
-    EXPECT_EQ(block[1], 3);
-    EXPECT_EQ(block[11], 128);
+    EXPECT_EQ(block[0] * 1000000 + block[1] * 1000 + block[11], 1003128);
     EXPECT_EQ(make_rgconf_from_file(5, block.data(), dir.path().c_str()), -1);  // not a regular file
 }
 
-uint32_t word(const Block &b, int at) {
-    uint32_t w;
-    memcpy(&w, b.data() + at, sizeof w);
-    return w;
-}
-
 TEST_F(Ips, VerifyingBlocksByteByByte) {
-    Block ok{1, 3, 64, 128, 0, 128, 64, 1, 3, 0, 128, 128, 128, 0, 3, 1, 128, 3, 0, 99, 77, 77};
-    auto all = [](const Block &b) { return verify_config(word(b, 0), word(b, 4), word(b, 8), word(b, 12), word(b, 16)); };
-    EXPECT_EQ(all(ok), 1);
-    EXPECT_EQ(verify_config_mode(word(ok, 0)), 1);
-    EXPECT_EQ(verify_config_opt(word(ok, 4), word(ok, 8)), 1);
-    EXPECT_EQ(verify_config_ips(word(ok, 12), word(ok, 16)), 1);
-    const struct { int byte, value, whole, part; } bad[] = {
-        {0, 128, 0, 0}, {0, 64, 0, 0}, {3, 1, 0, 0}, {4, 128, 0, 0}, {8, 64, 0, 0},
+    // byte, value, the whole check, the check of the byte's part (mode 0-3, options 4-11, protections 12-18).
+    const struct { int byte, value, whole, part; } cases[] = {
+        {-1, 0, 1, 1}, {0, 128, 0, 0}, {0, 64, 0, 0}, {3, 1, 0, 0}, {4, 128, 0, 0}, {8, 64, 0, 0},
         {11, 1, 0, 1},  // the option check alone accepts warn for encryption
-        {12, 1, 0, 0},  {18, 2, 0, 0},
+        {12, 1, 0, 0},  {18, 2, 0, 0}, {19, 2, 1, 1},
     };
-    for (const auto &c : bad) {
-        SCOPED_TRACE(c.byte);
-        Block b = ok;
-        b[c.byte] = static_cast<unsigned char>(c.value);
-        EXPECT_EQ(all(b), c.whole);
-        const int part = c.byte < 4 ? verify_config_mode(word(b, 0))
-                         : c.byte < 12 ? verify_config_opt(word(b, 4), word(b, 8))
-                                       : verify_config_ips(word(b, 12), word(b, 16));
-        EXPECT_EQ(part, c.part);
+    for (const auto &c : cases) {
+        Block b{1, 3, 64, 128, 0, 128, 64, 1, 3, 0, 128, 128, 128, 0, 3, 1, 128, 3, 0, 99, 77, 77};
+        if (c.byte >= 0) b[c.byte] = static_cast<unsigned char>(c.value);
+        uint32_t w[5];
+        memcpy(w, b.data(), sizeof w);
+        EXPECT_EQ(verify_config(w[0], w[1], w[2], w[3], w[4]), c.whole) << c.byte;
+        const int part = c.byte < 4 ? verify_config_mode(w[0]) : c.byte < 12 ? verify_config_opt(w[1], w[2])
+                                                                               : verify_config_ips(w[3], w[4]);
+        EXPECT_EQ(part, c.part) << c.byte;
     }
 }
 
 TEST_F(Ips, UnsupportedProtectionsFollowTheKernel) {
     unsigned char conf[22];
     ASSERT_EQ(0, mgsim_get_conf(conf));
-    conf[13] = 128;
-    conf[18] = 128;
-    conf[19] = 128;  // the reserved byte is left alone
+    conf[13] = conf[18] = conf[19] = 128;  // the reserved byte 19 is left alone
     ASSERT_EQ(0, mgsim_set_conf(conf));
     unsigned char ips[8] = {3, 3, 3, 3, 3, 3, 3, 3};
-    EXPECT_EQ(adjust_not_supported_ips(ips), 1);
     const unsigned char want[8] = {3, 128, 3, 3, 3, 3, 128, 3};
+    EXPECT_EQ(adjust_not_supported_ips(ips), 1);
     EXPECT_EQ(0, memcmp(ips, want, 8));
     ASSERT_EQ(0, mgsim_set_fail("7:5"));
     unsigned char untouched[8] = {};
@@ -141,16 +113,13 @@ TEST_F(Ips, ExportLeavesOutUnsetOptionalLinesAndReadsBack) {
     const std::string text = mgtest::read_file(path);
     EXPECT_EQ(text.rfind("#\n# Mossgrove V2.0 Configuration\n#\n\n\n# Operation Modes\n"
                          "    MACMODE  = Invalid Value\t# MAC Operation Mode : on/warn\n"
-                         "    DACMODE  = warn\t# DAC Operation Mode : on/warn\n",
-                         0),
-              0u)
-        << text;
+                         "    DACMODE  = warn\t# DAC Operation Mode : on/warn\n", 0),
+              0u) << text;
     for (const char *absent : {"SERVICE", "SESLOG", "MGLOGIN", "ENCRYPT", "MODULE"})
         EXPECT_EQ(text.find(absent), std::string::npos) << absent;
     EXPECT_NE(text.find("\n# Protections\n    PROCESS  = off\t# Process Information Restriction : on/off\n"),
               std::string::npos);
     EXPECT_EQ(mgtest::file_mode(path), 0444u);
-
     b[0] = 3;
     ASSERT_EQ(export_rgconf_to_file(b.data(), path.c_str()), 0);
     Block back;

@@ -1,11 +1,9 @@
-// Module start and stop against the simulated kernel, in a sandbox whose
-// syslog the test reads: which tables are filled, which failures abort the
-// start, and the exact line each failure logs.
+// Module start and stop in a sandbox whose syslog is read: which tables are
+// filled, which failures abort the start, and the exact line each one logs.
 #include <mossgrove/config.h>
 #include <mossgrove/modctl.h>
 #include <mossgrove/stores.h>
 
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <cstring>
@@ -18,8 +16,7 @@ namespace {
 
 struct World {
     mgtest::Sandbox &sb;
-    std::string root = sb.scratch() + "/root";
-    std::string data = root + "/data";
+    std::string root = sb.scratch() + "/root", data = root + "/data";
 
     explicit World(mgtest::Sandbox &s) : sb(s) {
         mkdir(root.c_str(), 0755);
@@ -31,11 +28,10 @@ struct World {
     }
     void store(const std::string &name, const std::string &text) { mgtest::write_file(data + "/" + name, text); }
     // The MLS users and categories the kernel already holds.
-    void labels_loaded() {
-        unsigned char mu[1324] = {}, cat[56] = {};
-        cat[0] = 1;
+    void labels_loaded(bool categories = true) {
+        unsigned char mu[1324] = {}, cat[56] = {1};
         EXPECT_EQ(_sys_setmu(mu, 1), 0);
-        EXPECT_EQ(_sys_setcat(cat, 1), 0);
+        EXPECT_EQ(categories ? _sys_setcat(cat, 1) : 0, 0);
     }
     // The texts logged since the last call, each with its trailing newline.
     std::vector<std::string> logged() {
@@ -51,36 +47,21 @@ struct World {
 using Lines = std::vector<std::string>;
 
 MG_SANDBOX_TEST(ModuleStart, OnlyTheLabelDatabasesAbortAStart) {
-    const struct {
-        const char *what;
-        std::function<void(World &)> setup;
-        int result;
-        Lines lines;
-        int status;
-    } cases[] = {
+    // status: the kernel's afterwards, or -1 for the caller's block saying absent
+    const struct { const char *what; std::function<void(World &)> setup; int result; Lines lines; int status; } cases[] = {
         {"running", [](World &w) { mgsim_set_status(MG_STATUS_RUNNING); w.store("acl_kill", "junk"); }, 1, {}, 1},
         {"absent", [](World &) { mgsim_set_absent(1); }, -1, {"MG_Checkmodule Error\n"}, -1},
         {"no information", [](World &) { mgsim_set_fail("1:5"); }, -1, {"Get Module Info Syscall Error\n"}, 0},
         {"no user store", [](World &) {}, -1, {"Load mu Entry Error\n"}, 0},
-        {"no category store",
-         [](World &w) {
-             unsigned char mu[1324] = {};
-             _sys_setmu(mu, 1);
-             w.store("mls_user", "broken, and never read while the kernel holds users");
-         },
+        {"no category store", [](World &w) { w.labels_loaded(false); w.store("mls_user", "never read: the kernel has users"); },
          -1, {"Load Cat Entry Error\n"}, 0},
-        {"best effort tables",
-         [](World &w) {
+        {"best effort tables", [](World &w) {
              w.labels_loaded();
-             w.store("cmd_file", "short");
-             w.store("acl_fgroup", "[FGROUP]\n");
-             w.store("acl_kill", "[KACL]\n/p\n0\nALL\n[/KACL]\n");
-             w.store("acl_setuid", "1:relative\n");
-         },
-         0,
-         {"Load restricted Cmd Entry Error\n", "Fail to load setuid ACL. [errno=10073]",
-          "Fail to load FileGroup. [errno=10073]"},
-         1},
+             for (const char *name : {"cmd_file:short", "acl_fgroup:[FGROUP]\n", "acl_setuid:1:relative\n",
+                                      "acl_kill:[KACL]\n/p\n0\nALL\n[/KACL]\n"})
+                 w.store(std::string(name, strchr(name, ':')), strchr(name, ':') + 1);
+         }, 0, {"Load restricted Cmd Entry Error\n", "Fail to load setuid ACL. [errno=10073]",
+                "Fail to load FileGroup. [errno=10073]"}, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -101,47 +82,43 @@ MG_SANDBOX_TEST(ModuleStart, EmptyTablesAreFilledAndHeldOnesKept) {
     w.labels_loaded();
     mgtest::write_file(w.root + "/p1", "x");
     w.store("acl_file", "[ACL]\n" + w.root + "/p1\n1\n0\n0\n0\n0:::::\n[/ACL]\n");
-    w.store("alsvc_user", "[ALSVC]\n0:root:1\nsshd:1:0:0.0.0.0\n[/ALSVC]\n");
-    w.store("alsvc_def", "[ALSVC]\n0:x:1\nsshd:1:0:0.0.0.0\n[/ALSVC]\n");
-    w.store("alcmd_file", "/bin/a\n1:0:0:0\n");
-    w.store("ips.conf", "DACMODE on\nPROMISC on\n");
+    for (const char *name : {"alsvc_user:[ALSVC]\n0:root:1\nsshd:1:0:0.0.0.0\n[/ALSVC]\n", "alcmd_file:/bin/a\n1:0:0:0\n",
+                             "alsvc_def:[ALSVC]\n0:x:1\nsshd:1:0:0.0.0.0\n[/ALSVC]\n", "ips.conf:DACMODE on\nPROMISC on\n",
+                             "acl_kill:[KACL]\n/other\n0\nALL\n[/KACL]\n"})
+        w.store(std::string(name, strchr(name, ':')), strchr(name, ':') + 1);
     unsigned char conf[22];
     ASSERT_EQ(0, mgsim_get_conf(conf));
     conf[13] = 128;  // the kernel does not support the promiscuous-mode check
     ASSERT_EQ(0, mgsim_set_conf(conf));
-    kaclent held{};
-    strcpy(held.path, "/held");
+    kaclent held{.path = "/held", .flag = 0, .denymask = 0};
     ASSERT_EQ(_sys_add_kill_acl(&held), 0);
-    w.store("acl_kill", "[KACL]\n/other\n0\nALL\n[/KACL]\n");
 
     MGModuleInfo block{};
     ASSERT_EQ(module_start(&block), 0);
     EXPECT_TRUE(w.logged().empty()) << "an empty store and missing ones are not reported";
     EXPECT_EQ(mgsim_get_status(), MG_STATUS_RUNNING);
-    EXPECT_EQ(mgsim_count(MGSIM_T_FACL), 1);
-    EXPECT_EQ(mgsim_count(MGSIM_T_KILL), 1) << "a table the kernel holds is not reloaded";
-    EXPECT_EQ(mgsim_count(MGSIM_T_ALSVC_USER), 1);
-    EXPECT_EQ(mgsim_count(MGSIM_T_ALSVC_DEF), 0);
-    EXPECT_EQ(mgsim_count(MGSIM_T_ALCMD), 1);
+    // file ACL, the held kill ACL (not reloaded), user and default services (the latter not loaded), allowed commands
+    for (auto [table, count] : {std::pair{MGSIM_T_FACL, 1}, {MGSIM_T_KILL, 1}, {MGSIM_T_ALSVC_USER, 1},
+                                {MGSIM_T_ALSVC_DEF, 0}, {MGSIM_T_ALCMD, 1}})
+        EXPECT_EQ(mgsim_count(table), count) << table;
     ASSERT_EQ(0, mgsim_get_conf(conf));
-    EXPECT_EQ(conf[1], 3);
-    EXPECT_EQ(conf[13], 128);
+    EXPECT_EQ(conf[1] * 1000 + conf[13], 3128) << "DACMODE on; the unsupported check stays unset";
 }
 
 MG_SANDBOX_TEST(ModuleStop, SavesTheSetuidAclFirst) {
     World w(sb);
-    const std::string prog = w.root + "/prog";
+    const std::string prog = w.root + "/prog", saved = w.data + "/acl_setuid";
     mgtest::write_file(prog, "x");
     ASSERT_EQ(mgsim_set_status(MG_STATUS_RUNNING), 0);
     suidaclent s{1, ""};
-    strcpy(s.path, prog.c_str());
+    prog.copy(s.path, sizeof s.path - 1);
     ASSERT_EQ(_sys_add_setuid_acl(&s), 0);
     EXPECT_EQ(module_stop(), 0);
-    EXPECT_EQ(mgtest::read_file(w.data + "/acl_setuid"), "1:" + prog + "\n");
+    EXPECT_EQ(mgtest::read_file(saved), "1:" + prog + "\n");
     EXPECT_EQ(mgsim_get_status(), MG_STATUS_STOPPED);
-    unlink((w.data + "/acl_setuid").c_str());
+    unlink(saved.c_str());
     EXPECT_EQ(module_stop(), 1);
-    EXPECT_FALSE(mgtest::exists(w.data + "/acl_setuid"));
+    EXPECT_FALSE(mgtest::exists(saved));
     ASSERT_EQ(mgsim_set_absent(1), 0);
     EXPECT_EQ(module_stop(), -1);
 }
