@@ -214,3 +214,15 @@ TEST_F(FileAcl, GroupsAreCreatedAfreshInFileOrder) {
 }
 
 }  // namespace
+
+// Names that no account carries, and ids no account has, are kept recognisable.
+TEST(RuleEntry, UnknownNamesAndNumbers) {
+    rulentry e[2] = {};
+    e[0].type = e[1].type = MG_RULE_USER;
+    strcpy(e[0].name, "no-such-x");
+    e[1].id = 0xfffffff0;
+    ASSERT_EQ(set_rulentry_uid(e, 1), 0);
+    EXPECT_EQ(e[0].id, 0xffffffffu);
+    ASSERT_EQ(set_rulentry_username(e + 1, 1), 0);
+    EXPECT_STREQ(e[1].name, "_UNKNOWN");
+}
