@@ -1,5 +1,6 @@
-// Shared set-up of the label store tests: a scratch installation root named
-// through MOSSGROVE_EVMG's test hook, and a fresh simulated kernel.
+// Shared set-up of the store tests: a scratch installation root named through
+// MOSSGROVE_EVMG's test hook, a fresh simulated kernel, record helpers and a
+// crash helper.
 #pragma once
 
 #include <mossgrove/labels.h>
@@ -16,45 +17,44 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <functional>
-
 #include <string>
 #include <vector>
 
 namespace mgtest {
 
-// Runs op in a child process and kills it with SIGKILL after delay_us
-// microseconds (a crash at that point), or lets it finish first.
-inline void crash_after(const std::function<void()> &op, long delay_us) {
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        op();
-        _exit(0);
+// Kills a child running op with SIGKILL at `points` moments spread over one
+// measured run (a crash at that point); check() runs after each, reset() before.
+inline void crash_points(const std::function<void()> &op, const std::function<void()> &reset,
+                         const std::function<void(long)> &check, int points) {
+    auto now_us = [] {
+        struct timespec t;
+        clock_gettime(CLOCK_MONOTONIC, &t);
+        return t.tv_sec * 1000000L + t.tv_nsec / 1000;
+    };
+    reset();
+    const long start = now_us();
+    run_in_child([&] { op(); return 0; });
+    const long dur = now_us() - start;
+    for (int i = 0; i <= points; ++i) {
+        reset();
+        fflush(nullptr);
+        pid_t pid = fork();
+        if (pid == 0) { op(); _exit(0); }
+        if (i > 0) usleep(static_cast<useconds_t>(dur * i / points));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        check(dur * i / points);
     }
-    if (delay_us > 0) usleep(static_cast<useconds_t>(delay_us));
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-}
-
-// Microseconds one run of op takes in a child process.
-inline long child_duration_us(const std::function<void()> &op) {
-    struct timespec a, b;
-    clock_gettime(CLOCK_MONOTONIC, &a);
-    run_in_child([&] {
-        op();
-        return 0;
-    });
-    clock_gettime(CLOCK_MONOTONIC, &b);
-    return (b.tv_sec - a.tv_sec) * 1000000L + (b.tv_nsec - a.tv_nsec) / 1000;
 }
 
 // Permission bits only: a holder killed while it held the store leaves the
 // set-group-ID lock mark behind, which is only a mark.
 inline mode_t perms(const std::string &path) { return file_mode(path) & 0777; }
 
-// A scratch installation root ("<dir>/data", "<dir>/etc") named by a test
-// evmg file, with the store paths set, and a fresh simulated kernel.
+// A scratch installation root ("<dir>/data", "<dir>/etc") with the store
+// paths set, and a fresh simulated kernel.
 class LabelRoot {
 public:
     LabelRoot() {
@@ -73,7 +73,7 @@ public:
     }
     std::string data(const std::string &name) const { return dir_ / ("data/" + name); }
 
-    // Records of a store file or a kernel table.
+    // Records of a store file or a kernel table, and back.
     template <class T> static std::vector<T> records_of(const std::string &bytes) {
         std::vector<T> out(bytes.size() / sizeof(T));
         if (!out.empty()) memcpy(out.data(), bytes.data(), out.size() * sizeof(T));
@@ -88,6 +88,7 @@ public:
         out.resize(n < 0 ? 0 : static_cast<size_t>(n));
         return out;
     }
+    template <class T> std::vector<T> stored(const std::string &file) { return records_of<T>(read_file(data(file))); }
 
     TempDir dir_;
 };
