@@ -1,11 +1,9 @@
 // A private world for system tests, made in a forked child per test
-// (run_sandboxed): fresh mount and UTS namespaces with an overlay /etc (fresh
-// passwd, group, shadow, hosts and a files-only nsswitch.conf), an empty /run
-// (so /run/utmp is the test's own), a /dev with the usual nodes, a devpts
-// instance and a datagram socket at /dev/log whose messages the test reads,
-// and the host name kHostName (address kHostAddress). Everything lives in the
-// child's mount namespace on a tmpfs: even a child killed with SIGKILL leaves
-// the host untouched. Needs root.
+// (run_sandboxed): fresh mount and UTS namespaces with an overlay /etc (own
+// accounts, hosts, files-only nsswitch.conf), an empty /run (own utmpx), a
+// /dev with devpts and a /dev/log socket the test reads, host name kHostName
+// (kHostAddress). All on tmpfs in the child's namespace: even a child killed
+// with SIGKILL leaves the host untouched. Needs root.
 #pragma once
 
 #include <sys/types.h>
@@ -28,7 +26,7 @@ struct SyslogMessage {
     std::string ident;
     pid_t pid = 0;      // 0 without LOG_PID
     std::string text;   // after "ident[pid]: "
-    // "<PRI>ident[pid]: text": the raw line without its time stamp.
+    // "<PRI>ident[pid]: text" (without the time stamp).
     std::string line() const;
 };
 
@@ -38,12 +36,10 @@ public:
     static constexpr const char *kHostAddress = "192.0.2.10";
     static constexpr const char *kUtmpx = "/run/utmp";
 
-    // /dev/log is served by a reader thread that keeps every message, or by a
-    // child that discards them (benchmarks that must stay single-threaded).
+    // /dev/log: a thread keeps every message, or a child discards them (single-threaded benchmarks).
     enum class SyslogReader { thread, discarding_process };
 
-    // Enters the namespaces in the calling process and builds the world.
-    // Throws std::runtime_error on failure.
+    // Enters the namespaces in the calling process; throws std::runtime_error.
     explicit Sandbox(SyslogReader reader = SyslogReader::thread);
     ~Sandbox();
     Sandbox(const Sandbox &) = delete;
@@ -52,7 +48,7 @@ public:
     // Scratch directory on the sandbox tmpfs.
     const std::string &scratch() const { return scratch_; }
 
-    // Writes (replaces) or appends to a file relative to /etc, creating parent directories.
+    // Replaces or appends to a file below /etc, creating parent directories.
     void write_etc(const std::string &relative, std::string_view content, mode_t mode = 0644);
     void append_etc(const std::string &relative, std::string_view content);
     void add_user(const std::string &name, uid_t uid, gid_t gid,
@@ -66,8 +62,7 @@ public:
                    short type = 7, pid_t pid = 0);
     void clear_utmpx();
 
-    // Every message received so far (sent before the call included); take_
-    // also forgets them; wait_ waits up to `timeout` for `count` messages.
+    // Messages received so far; take_ also forgets them; wait_ waits for `count`.
     std::vector<SyslogMessage> syslog();
     std::vector<SyslogMessage> take_syslog();
     void clear_syslog() { take_syslog(); }
@@ -92,14 +87,11 @@ private:
     int next_fake_pid_ = 40000;
 };
 
-// Forks; the child builds a Sandbox and runs `body` in it. Returns 0 when the
-// body finished without a GoogleTest failure, 1 when it recorded one, 2 when
-// the sandbox could not be made, 3 when the body threw, 128 + signal when the
-// child died of a signal.
+// Runs `body` in a Sandbox in a forked child: 0 passed, 1 a GoogleTest failure,
+// 2 no sandbox, 3 the body threw, 128 + signal when the child was killed.
 int run_sandboxed(const std::function<void(Sandbox &)> &body);
 
-// Skips the current test when not root; as root a sandbox that cannot be made
-// is a failure. True when the caller should go on.
+// Skips the current test when not root; true when the caller should go on.
 bool sandbox_or_skip();
 
 }  // namespace mgtest

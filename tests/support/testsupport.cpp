@@ -15,9 +15,8 @@ namespace mgtest {
 
 TempDir::TempDir() {
     const char *base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/mgtest.XXXXXX";
-    if (mkdtemp(templ.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = templ;
+    path_ = std::string(base && *base ? base : "/tmp") + "/mgtest.XXXXXX";
+    if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -27,16 +26,13 @@ TempDir::~TempDir() {
 
 void write_file(const std::string &path, const std::string &content, mode_t mode) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + path);
-    out << content;
-    out.close();
-    if (chmod(path.c_str(), mode) != 0) throw std::runtime_error("cannot chmod " + path);
+    if (!(out << content) || (out.close(), chmod(path.c_str(), mode) != 0))
+        throw std::runtime_error("cannot write " + path);
 }
 
 std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
@@ -47,24 +43,27 @@ bool exists(const std::string &path) {
 
 mode_t file_mode(const std::string &path) {
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) return static_cast<mode_t>(-1);
-    return st.st_mode & 07777;
+    return stat(path.c_str(), &st) != 0 ? static_cast<mode_t>(-1) : st.st_mode & 07777;
 }
 
 namespace {
+pid_t fork_or_throw() {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    return pid;
+}
+
 int wait_status(pid_t pid) {
     int st = 0;
     while (waitpid(pid, &st, 0) < 0) {
     }
-    if (WIFEXITED(st)) return WEXITSTATUS(st);
-    return 128 + WTERMSIG(st);
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 }  // namespace
 
 int run_in_child(const std::function<int()> &fn) {
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
+    pid_t pid = fork_or_throw();
     if (pid == 0) _exit(fn());
     return wait_status(pid);
 }
@@ -72,12 +71,10 @@ int run_in_child(const std::function<int()> &fn) {
 std::string capture_stdout(const std::function<void()> &fn, int *status) {
     int fds[2];
     if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
+    pid_t pid = fork_or_throw();
     if (pid == 0) {
-        close(fds[0]);
         dup2(fds[1], STDOUT_FILENO);
+        close(fds[0]);
         close(fds[1]);
         fn();
         fflush(nullptr);
@@ -86,8 +83,7 @@ std::string capture_stdout(const std::function<void()> &fn, int *status) {
     close(fds[1]);
     std::string out;
     char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
     close(fds[0]);
     int st = wait_status(pid);
     if (status) *status = st;

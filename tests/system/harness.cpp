@@ -3,14 +3,12 @@
 #include "mgsim.h"
 #include "testsupport.hpp"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <tuple>
 
 #ifndef MG_PAM_MODULE_PATH
 #error "the build must define MG_PAM_MODULE_PATH"
@@ -45,14 +43,11 @@ std::optional<AuditEntry> parse_audit(const std::string &line, char sep) {
 }
 
 const char *pam_result_name(int rc) {
-    switch (rc) {
-    case PAM_SUCCESS: return "PAM_SUCCESS";
-    case PAM_PERM_DENIED: return "PAM_PERM_DENIED";
-    case PAM_USER_UNKNOWN: return "PAM_USER_UNKNOWN";
-    case PAM_SESSION_ERR: return "PAM_SESSION_ERR";
-    case PAM_ABORT: return "PAM_ABORT";
-    default: return "another PAM error";
-    }
+    for (auto [code, name] : {std::pair{PAM_SUCCESS, "PAM_SUCCESS"}, {PAM_PERM_DENIED, "PAM_PERM_DENIED"},
+                              {PAM_USER_UNKNOWN, "PAM_USER_UNKNOWN"}, {PAM_SESSION_ERR, "PAM_SESSION_ERR"},
+                              {PAM_ABORT, "PAM_ABORT"}})
+        if (code == rc) return name;
+    return "another PAM error";
 }
 
 void expect_dry_run_agrees(const char *phase, const char *user, const Items &items, const std::string &service,
@@ -60,17 +55,14 @@ void expect_dry_run_agrees(const char *phase, const char *user, const Items &ite
     std::vector<std::string> args = {MG_MGCTL_PATH, "check", "--phase", phase, "--service", service, "--user", user};
     for (auto [flag, value] : {std::pair{"--rhost", &items.rhost}, {"--tty", &items.tty}, {"--ruser", &items.ruser}})
         if (*value) args.insert(args.end(), {flag, **value});
-    int status = 0;
-    std::string out = mgtest::capture_stdout(
-        [&] {
-            std::vector<char *> argv;
-            for (auto &a : args) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            unsetenv("MGSIM_STATE");
-            execv(argv[0], argv.data());
-            _exit(127);
-        },
-        &status);
+    std::string out = mgtest::capture_stdout([&] {
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        unsetenv("MGSIM_STATE");
+        execv(argv[0], argv.data());
+        _exit(127);
+    });
     EXPECT_NE(out.find(std::string("result: ") + pam_result_name(rc)), std::string::npos)
         << "mgctl check disagrees with the module (" << pam_result_name(rc) << "):\n" << out;
 }
@@ -148,11 +140,9 @@ Lines World::take_module_syslog() {
 std::vector<AuditEntry> World::take_audit() {
     split_syslog();
     std::vector<AuditEntry> out = std::exchange(audit_from_syslog_, {});
-    if (audit_sink == AuditSink::file) {
-        EXPECT_TRUE(out.empty()) << "entries went to syslog: " << out.front().raw;
-    }
+    EXPECT_TRUE(audit_sink != AuditSink::file || out.empty()) << "entries went to syslog: " << out.front().raw;
     std::ifstream in(log_dir + "/mglog.01");
-    if (in && audit_sink == AuditSink::syslog) ADD_FAILURE() << "the secure log file exists";
+    EXPECT_FALSE(in && audit_sink == AuditSink::syslog) << "the secure log file exists";
     in.seekg(static_cast<std::streamoff>(log_file_offset_));
     for (std::string line; in && std::getline(in, line); log_file_offset_ += line.size() + 1) {
         auto e = parse_audit(line, '\t');
@@ -170,20 +160,14 @@ void World::clear_logs() {
 void in_world(Kernel kernel, const std::function<void(World &)> &body) {
     if (!mgtest::sandbox_or_skip()) return;
     int status = mgtest::run_sandboxed([&](mgtest::Sandbox &sb) {
-        sb.add_group("staff", 5000, {"bob"});
-        sb.add_group("dev", 5100);
-        sb.add_group("ops", 5200, {"alice"});
-        sb.add_user("alice", 5001, 5000, "/home/alice");
-        sb.add_user("bob", 5002, 5100, "/home/bob");
-        sb.add_user("carol", 5003, 5000, "/home/carol");
-        sb.add_host("10.1.2.3", "build-host");
-        sb.add_host("192.168.1.1", "lab-host");
+        sb.append_etc("group", "staff:x:5000:bob\ndev:x:5100:\nops:x:5200:alice\n");
+        for (auto [name, uid, gid] : {std::tuple{"alice", 5001, 5000}, {"bob", 5002, 5100}, {"carol", 5003, 5000}})
+            sb.add_user(name, uid, gid, std::string("/home/") + name);
+        sb.append_etc("hosts", "10.1.2.3\tbuild-host\n192.168.1.1\tlab-host\n");
         World world(sb);
         if (kernel == Kernel::present) {
-            ASSERT_EQ(mgsim_use_state((sb.scratch() + "/kernel.state").c_str()), 0);
-            ASSERT_EQ(mgsim_reset(), 0);
-            ASSERT_EQ(mgsim_set_status(1), 0);
-            ASSERT_EQ(mgsim_set_log((sb.scratch() + "/kernel.calls").c_str()), 0);
+            ASSERT_TRUE(mgsim_use_state((sb.scratch() + "/kernel.state").c_str()) == 0 && mgsim_reset() == 0 &&
+                        mgsim_set_status(1) == 0 && mgsim_set_log((sb.scratch() + "/kernel.calls").c_str()) == 0);
             world.audit_sink = World::AuditSink::file;
         } else {
             ASSERT_EQ(mgsim_use_state(nullptr), 0);
@@ -194,27 +178,21 @@ void in_world(Kernel kernel, const std::function<void(World &)> &body) {
     EXPECT_EQ(status, 0) << "the sandboxed test body failed (its output is above)";
 }
 
-std::string violation_text(const std::string &message, const std::string &user, const std::string &role,
-                           int level, const std::string &category, const std::string &service,
-                           const std::string &mode_word, const std::string &detail) {
-    std::ostringstream out;
-    out << message << "::LOGIN(0):" << getpid() << ":" << getppid() << ":" << user << ":" << user << ":" << role
-        << ":" << level << ":" << category << ":" << service << "::::::::" << mode_word << ":" << detail;
-    return out.str().substr(0, 1023);
+std::string violation_text(Str message, Str user, Str role, int level, Str category, Str service, Str mode_word, Str detail) {
+    return (message + "::LOGIN(0):" + std::to_string(getpid()) + ":" + std::to_string(getppid()) + ":" + user + ":" +
+            user + ":" + role + ":" + std::to_string(level) + ":" + category + ":" + service + "::::::::" + mode_word +
+            ":" + detail).substr(0, 1023);
 }
 
-std::string access_violation(Kernel kernel, const std::string &service, const std::string &user,
-                             const std::string &rhost, const std::string &rule_label, const std::string &mode_word,
-                             const std::string &ruser) {
+std::string access_violation(Kernel kernel, Str service, Str user, Str rhost, Str rule_label, Str mode_word, Str ruser) {
     return violation_text("'" + service + "' access is denied by user '" + user + "' from '" + rhost + "' [by " +
                               rule_label + " rule].",
                           user, kernel == Kernel::absent ? "--" : "UX", 0, "", service, mode_word,
                           "RemoteHost=" + rhost + " ServiceName=" + service + " RemoteUser=" + ruser);
 }
 
-std::string session_violation(Kernel kernel, const std::string &service, const std::string &user,
-                              const std::string &rhost, const std::string &rule_label, int current, int max,
-                              const std::string &mode_word) {
+std::string session_violation(Kernel kernel, Str service, Str user, Str rhost, Str rule_label, int current, int max,
+                              Str mode_word) {
     return violation_text("User '" + user + "' has exceed max session. '" + service + "' login is denied [by " +
                               rule_label + " rule].",
                           user, kernel == Kernel::absent ? "--" : "UX", 0, "", service, mode_word,
@@ -223,13 +201,9 @@ std::string session_violation(Kernel kernel, const std::string &service, const s
 }
 
 std::string entry_text(const AuditEntry &entry, int flag, int level) {
-    EXPECT_EQ(entry.source, 7) << entry.raw;
-    EXPECT_EQ(entry.flag, flag) << entry.raw;
-    EXPECT_EQ(entry.level, level) << entry.raw;
-    EXPECT_EQ(entry.program, "PAM-ACL") << entry.raw;
-    EXPECT_EQ(entry.address, kLocalAddress) << entry.raw;
-    EXPECT_NE(entry.event, 0) << entry.raw;
-    EXPECT_LE(entry.event, entry.logged) << entry.raw;
+    EXPECT_EQ(std::tuple(entry.source, entry.flag, entry.level, entry.program, entry.address),
+              std::tuple(7, flag, level, std::string("PAM-ACL"), std::string(kLocalAddress))) << entry.raw;
+    EXPECT_TRUE(entry.event != 0 && entry.event <= entry.logged) << entry.raw;
     return entry.message;
 }
 

@@ -1,9 +1,7 @@
-// Driving pam_mg_acl.so through the real libpam inside a test sandbox. A World
-// is what a login host has: the mode and rule files under
-// /etc/security/pam_acl_conf, "/etc/.evmg" naming an installation root with
-// conf/mgopt.conf, the test accounts, and a directory of PAM service files
-// (used with pam_start_confdir). Each call is one transaction as a login
-// service makes it: pam_start_confdir, items, the operation, pam_end.
+// pam_mg_acl.so through the real libpam in a test sandbox. A World is a login
+// host: rule files under kAclDir, "/etc/.evmg" naming a root with
+// conf/mgopt.conf, test accounts, PAM service files; each call is one
+// transaction (pam_start_confdir, items, the operation, pam_end).
 #pragma once
 
 #include "sandbox.hpp"
@@ -56,27 +54,20 @@ public:
     void group_rules(const std::string &group, const std::string &text) { acl_file("group/" + group, text); }
     void default_rules(const std::string &text) { acl_file("default.conf", text); }
 
-    Outcome account(const char *user, const Items &items, const std::string &service = "sshd") {
-        return run(pam_acct_mgmt, user, items, service);
-    }
-    Outcome open_session(const char *user, const Items &items, const std::string &service = "sshd") {
-        return run(pam_open_session, user, items, service);
-    }
-    Outcome close_session(const char *user, const Items &items, const std::string &service = "sshd") {
-        return run(pam_close_session, user, items, service);
-    }
+    Outcome account(const char *user, const Items &i, const std::string &s = "sshd") { return run(pam_acct_mgmt, user, i, s); }
+    Outcome open_session(const char *user, const Items &i, const std::string &s = "sshd") { return run(pam_open_session, user, i, s); }
+    Outcome close_session(const char *user, const Items &i, const std::string &s = "sshd") { return run(pam_close_session, user, i, s); }
 
-    // Every account and session-opening transaction is also run through
-    // mgctl's dry run (kernel module absent, so the simulator's state and
-    // failure rules are left alone), which must reach the same PAM result.
-    // Off for cases whose result depends on what this process did before.
+    // Every account and session-opening transaction also runs through mgctl's
+    // dry run (kernel module absent: the simulator is left alone), which must
+    // reach the same PAM result. Off where the result depends on this process's past.
     bool check_with_mgctl = true;
 
     // The module's syslog lines (ident "mg_pam_acl") since the last take, as "<PRI>text".
     Lines take_module_syslog();
     // Where secure-log entries must go; take_audit() checks it.
     enum class AuditSink { file, syslog, any } audit_sink = AuditSink::any;
-    // Secure-log entries since the last take: from the log file, and from syslog (ident "MGLog").
+    // Secure-log entries since the last take, from the log file and syslog (ident "MGLog").
     std::vector<AuditEntry> take_audit();
     void clear_logs();
 
@@ -103,17 +94,14 @@ inline constexpr const char *kLocalAddress = mgtest::Sandbox::kHostAddress;
 inline constexpr int kEventAccess = 0x2020001;
 inline constexpr int kEventSession = 0x2020002;
 
+using Str = const std::string &;
 // The text of a violation entry as the module composes it in this process.
-std::string violation_text(const std::string &message, const std::string &user, const std::string &role,
-                           int level, const std::string &category, const std::string &service,
-                           const std::string &mode_word, const std::string &detail);
+std::string violation_text(Str message, Str user, Str role, int level, Str category, Str service, Str mode_word, Str detail);
 // For a user without an MLS record: role "--" without the module, "UX" with it.
-std::string access_violation(Kernel kernel, const std::string &service, const std::string &user,
-                             const std::string &rhost, const std::string &rule_label, const std::string &mode_word,
-                             const std::string &ruser = "(unknown)");
-std::string session_violation(Kernel kernel, const std::string &service, const std::string &user,
-                              const std::string &rhost, const std::string &rule_label, int current, int max,
-                              const std::string &mode_word);
+std::string access_violation(Kernel kernel, Str service, Str user, Str rhost, Str rule_label, Str mode_word,
+                             Str ruser = "(unknown)");
+std::string session_violation(Kernel kernel, Str service, Str user, Str rhost, Str rule_label, int current, int max,
+                              Str mode_word);
 // Checks the fixed fields of one of the module's entries and returns its text.
 std::string entry_text(const AuditEntry &entry, int flag, int level);
 // Checks that `text` went to syslog (LOG_ERR) and to the user; empty: nothing reported.

@@ -2,12 +2,9 @@
 // killed. (What the sandbox provides is exercised by every system test.)
 #include "sandbox.hpp"
 
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <string>
 
 #include "testsupport.hpp"
 

@@ -7,7 +7,7 @@
 #include <security/pam_appl.h>
 
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace mgsys {
 namespace {
@@ -30,24 +30,20 @@ TEST_P(Sessions, EachModeHandlesAnExceededUserLimit) {
     Kernel kernel = GetParam();
     in_world(kernel, [&](World &w) {
         w.acl_file("user_session.conf", "# user limits\nx:bob:9::\nx:alice:2::\n");
-        w.sb.add_utmpx("alice", "pts/1", "10.0.0.7");
-        w.sb.add_utmpx("alice", "pts/2", "10.0.0.8");
-        w.sb.add_utmpx("alice", "pts/3", "10.0.0.5");        // the request's own terminal: not counted
-        w.sb.add_utmpx("bob", "pts/4", "10.0.0.5");          // someone else
-        w.sb.add_utmpx("alice", "pts/5", "", DEAD_PROCESS);  // a closed session
-        const struct {
-            const char *mode;
-            int rc;
-            const char *shown;  // how the module names the mode when it lets the session through
-            const char *word;   // display word of a recorded violation, nullptr: not recorded
-        } cases[] = {{"on", PAM_SESSION_ERR, nullptr, "Deny"}, {"warn", PAM_SUCCESS, "Warning", "Warning"},
-                     {"nolog", PAM_SESSION_ERR, nullptr, nullptr}, {"off", PAM_SUCCESS, "Off", nullptr}};
+        // Counted: pts/1 and pts/2; not: the request's own terminal, someone else, a closed session.
+        for (auto [user, line, host] : {std::tuple{"alice", "pts/1", "10.0.0.7"}, {"alice", "pts/2", "10.0.0.8"},
+                                        {"alice", "pts/3", "10.0.0.5"}, {"bob", "pts/4", "10.0.0.5"}})
+            w.sb.add_utmpx(user, line, host);
+        w.sb.add_utmpx("alice", "pts/5", "", DEAD_PROCESS);
+        // shown: the mode's name when the session goes through; word: of the recorded violation
+        const struct { const char *mode; int rc; const char *shown, *word; } cases[] = {
+            {"on", PAM_SESSION_ERR, nullptr, "Deny"}, {"warn", PAM_SUCCESS, "Warning", "Warning"},
+            {"nolog", PAM_SESSION_ERR, nullptr, nullptr}, {"off", PAM_SUCCESS, "Off", nullptr}};
         for (const auto &c : cases) {
             SCOPED_TRACE(c.mode);
             w.modes("on", c.mode);
             EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, c.rc);
-            Lines syslog;
-            std::vector<std::string> entries;
+            Lines syslog, entries;
             if (c.shown != nullptr) {
                 syslog = {"<38>user 'alice'(from 10.0.0.5) has exceed max login session, but operation mode is '" +
                               std::string(c.shown) + "'",
@@ -123,10 +119,10 @@ TEST_P(Sessions, SpecialLimitsAndFlags) {
         w.modes("on", "on");
         w.sb.add_utmpx("alice", "tty1", "");
         w.sb.add_utmpx("alice", "pts/1", "10.0.0.7");
+        const char *exceeded = "User 'alice' has exceed max session. 'sshd' login is denied [by user alice rule].";
         const struct { const char *rule; int rc; const char *message; } cases[] = {
             {"x:alice:0::", PAM_SESSION_ERR, "User 'alice' has no available session. 'sshd' login is allways denied."},
-            {"x:alice:-5::", PAM_SESSION_ERR, "User 'alice' has exceed max session. 'sshd' login is denied [by user alice rule]."},
-            {"x:alice:2::", PAM_SESSION_ERR, "User 'alice' has exceed max session. 'sshd' login is denied [by user alice rule]."},
+            {"x:alice:-5::", PAM_SESSION_ERR, exceeded}, {"x:alice:2::", PAM_SESSION_ERR, exceeded},
             {"x:alice:2:0:1", PAM_SUCCESS, nullptr},  // skip console: the console session is not counted
             {"x:alice:two::", PAM_SESSION_ERR,
              "Error is occurred while reading session information of 'alice'. 'sshd' login is not permitted."},
@@ -153,18 +149,16 @@ TEST_P(Sessions, UnusableRemoteHostsFollowTheSessionMode) {
     in_world(GetParam(), [&](World &w) {
         const std::string bad = "invalid hostname or IP address is assigned (user=alice, hostname=ghost.invalid).";
         const std::string v6 = "'sshd' access is denied for user 'alice' from '2001:db8::7' - IPv6 address is not supported";
-        const struct { const char *mode; int rc_bad, rc_v6; bool reported; } cases[] = {
-            {"nolog", PAM_SESSION_ERR, PAM_PERM_DENIED, true}, {"warn", PAM_SUCCESS, PAM_SUCCESS, true},
-            {"off", PAM_SUCCESS, PAM_SUCCESS, false}};
-        for (const auto &c : cases) {
-            SCOPED_TRACE(c.mode);
-            w.modes("off", c.mode);
-            Outcome out = w.open_session("alice", from("ghost.invalid"));
-            EXPECT_EQ(out.rc, c.rc_bad);
-            expect_reported(w, out, c.reported ? bad : "");
-            out = w.open_session("alice", from("2001:db8::7"));
-            EXPECT_EQ(out.rc, c.rc_v6);
-            expect_reported(w, out, c.reported ? v6 : "");
+        for (auto [mode, rc_bad, rc_v6] : {std::tuple{"nolog", PAM_SESSION_ERR, PAM_PERM_DENIED},
+                                           {"warn", PAM_SUCCESS, PAM_SUCCESS}, {"off", PAM_SUCCESS, PAM_SUCCESS}}) {
+            SCOPED_TRACE(mode);
+            w.modes("off", mode);
+            bool reported = std::string(mode) != "off";
+            for (auto [host, rc, text] : {std::tuple{"ghost.invalid", rc_bad, &bad}, {"2001:db8::7", rc_v6, &v6}}) {
+                Outcome out = w.open_session("alice", from(host));
+                EXPECT_EQ(out.rc, rc);
+                expect_reported(w, out, reported ? *text : "");
+            }
             EXPECT_TRUE(w.take_audit().empty());
         }
     });

@@ -26,35 +26,21 @@ TEST_P(TimeWindows, HoursDaysMonthsAndWeekdays) {
     in_world(kernel, [&](World &w) {
         w.modes("on", "on");
         w.default_rules("x:-:*:*::\n");
-        struct Case {
-            const char *window;
-            const char *when;
-            int rc;
+        const int ok = PAM_SUCCESS, no = PAM_PERM_DENIED;
+        const struct { const char *window, *when; int rc; } cases[] = {
+            // office hours, the end hour excluded, Monday (2024-01-15) to Friday; Sunday is 0
+            {"9-17 * * 1-5", "2024-01-15 09:00:00", ok}, {"9-17 * * 1-5", "2024-01-15 16:59:59", ok},
+            {"9-17 * * 1-5", "2024-01-15 17:30:00", no}, {"9-17 * * 1-5", "2024-01-15 08:59:59", no},
+            {"9-17 * * 1-5", "2024-01-19 10:00:00", ok}, {"9-17 * * 1-5", "2024-01-20 10:00:00", no},
+            {"9-17 * * 1-5", "2024-01-21 10:00:00", no}, {"* * * 0", "2024-01-21 10:00:00", ok},
+            // a single hour is an empty range; days of the month and months include both ends
+            {"9 * * *", "2024-01-15 09:30:00", no}, {"* 1-15 * *", "2024-01-15 23:59:59", ok},
+            {"* 1-15 * *", "2024-01-16 00:00:00", no}, {"* 15 * *", "2024-02-15 12:00:00", ok},
+            {"* * 1-3 *", "2024-03-31 12:00:00", ok}, {"* * 1-3 *", "2024-04-01 12:00:00", no},
+            {"* * 12 *", "2024-12-01 12:00:00", ok}, {"0-24 * * *", "2024-06-30 23:59:59", ok},
+            {"9-17 * *", "2024-01-15 10:00:00", no},  // fewer than three blanks: never
         };
-        const Case cases[] = {
-            // office hours: 9 to 17, the end hour excluded; Monday to Friday
-            {"9-17 * * 1-5", "2024-01-15 09:00:00", PAM_SUCCESS},      // Monday
-            {"9-17 * * 1-5", "2024-01-15 16:59:59", PAM_SUCCESS},
-            {"9-17 * * 1-5", "2024-01-15 17:30:00", PAM_PERM_DENIED},
-            {"9-17 * * 1-5", "2024-01-15 08:59:59", PAM_PERM_DENIED},
-            {"9-17 * * 1-5", "2024-01-19 10:00:00", PAM_SUCCESS},      // Friday
-            {"9-17 * * 1-5", "2024-01-20 10:00:00", PAM_PERM_DENIED},  // Saturday
-            {"9-17 * * 1-5", "2024-01-21 10:00:00", PAM_PERM_DENIED},  // Sunday is 0
-            {"* * * 0", "2024-01-21 10:00:00", PAM_SUCCESS},
-            // a single hour is an empty range and never matches
-            {"9 * * *", "2024-01-15 09:30:00", PAM_PERM_DENIED},
-            // days of the month and months include both ends; single values match
-            {"* 1-15 * *", "2024-01-15 23:59:59", PAM_SUCCESS},
-            {"* 1-15 * *", "2024-01-16 00:00:00", PAM_PERM_DENIED},
-            {"* 15 * *", "2024-02-15 12:00:00", PAM_SUCCESS},
-            {"* * 1-3 *", "2024-03-31 12:00:00", PAM_SUCCESS},
-            {"* * 1-3 *", "2024-04-01 12:00:00", PAM_PERM_DENIED},
-            {"* * 12 *", "2024-12-01 12:00:00", PAM_SUCCESS},
-            {"0-24 * * *", "2024-06-30 23:59:59", PAM_SUCCESS},
-            // fewer than three blanks: never
-            {"9-17 * *", "2024-01-15 10:00:00", PAM_PERM_DENIED},
-        };
-        for (const Case &c : cases) {
+        for (const auto &c : cases) {
             SCOPED_TRACE(std::string(c.window) + " at " + c.when);
             w.user_rules("alice", "x:+:sshd:*:*:" + std::string(c.window) + "\n");
             clock_at(c.when);
