@@ -1,12 +1,9 @@
 #include <mossgrove/common.h>
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "common/paths.hpp"
@@ -42,15 +39,12 @@ TEST_F(Conf, LineForms) {
     ASSERT_EQ(load("# a comment\n\nKEY1   value1   # trailing comment\nKEY2=value2\nKEY3 = value3\n"
                    "   # indented comment\nKEY4\nkey5#value5\nDup first\nDUP second\n\tKEY6\tvalue6\n"),
               1);
-    EXPECT_EQ(value_of("KEY1"), "value1");
-    EXPECT_EQ(value_of("key2"), "value2") << "keys are case-insensitive";
-    EXPECT_EQ(value_of("KEY3"), "value3");
-    EXPECT_EQ(value_of("KEY4"), "") << "a key alone has an empty value";
-    EXPECT_EQ(value_of("KEY5"), "value5");
-    EXPECT_EQ(value_of("dup"), "first") << "the first of repeated keys wins";
-    EXPECT_EQ(value_of("KEY6"), "value6");
-    EXPECT_EQ(value_of("#"), "<missing:>") << "not found empties the caller's buffer";
-    EXPECT_EQ(value_of("KEY"), "<missing:>");
+    // Keys are case-insensitive, a key alone has an empty value, the first of
+    // repeated keys wins, and not found empties the caller's buffer.
+    const std::pair<const char *, const char *> found[] = {
+        {"KEY1", "value1"}, {"key2", "value2"}, {"KEY3", "value3"}, {"KEY4", ""}, {"KEY5", "value5"},
+        {"dup", "first"},   {"KEY6", "value6"}, {"#", "<missing:>"}, {"KEY", "<missing:>"}};
+    for (auto [key, value] : found) EXPECT_EQ(value_of(key), value) << key;
     EXPECT_EQ(get_conf_ptr("nope"), nullptr);
 }
 
@@ -58,8 +52,7 @@ TEST_F(Conf, EmptyOrMissingFilesFailAndKeepTheTable) {
     ASSERT_EQ(load("A 1\n"), 1);
     EXPECT_EQ(load(""), 0);
     EXPECT_EQ(load("# only\n\n# comments\n"), 0);
-    EXPECT_EQ(read_conf((dir_ / "missing").c_str()), 0);
-    EXPECT_EQ(read_conf(dir_.path().c_str()), 0) << "a directory";
+    for (const std::string &bad : {dir_ / "missing", dir_.path()}) EXPECT_EQ(read_conf(bad.c_str()), 0) << bad;
     EXPECT_EQ(value_of("A"), "1");
     EXPECT_EQ(close_conf(), 1);
     EXPECT_EQ(get_conf_ptr("A"), nullptr) << "no lookup reaches a freed table";
@@ -77,14 +70,10 @@ TEST_F(Conf, HostileInput) {
     text += "LAST";
     ASSERT_EQ(load(text), 1);
     EXPECT_EQ(get_conf_ptr(key.c_str()), nullptr);
-    EXPECT_EQ(value_of(key.substr(0, 255).c_str()), std::string(1023, 'v'));
-    EXPECT_EQ(value_of("LONG"), std::string(1023, 'x'));
-    EXPECT_EQ(value_of("NEXT"), "ok");
-    EXPECT_EQ(value_of("NUL"), "");
-    EXPECT_EQ(value_of("hidden"), "<missing:>");
-    EXPECT_EQ(value_of("NV"), "v");
-    EXPECT_EQ(value_of("key1999"), "value1999");
-    EXPECT_EQ(value_of("LAST"), "");
+    const std::pair<std::string, std::string> found[] = {
+        {key.substr(0, 255), std::string(1023, 'v')}, {"LONG", std::string(1023, 'x')}, {"NEXT", "ok"},
+        {"NUL", ""}, {"hidden", "<missing:>"}, {"NV", "v"}, {"key1999", "value1999"}, {"LAST", ""}};
+    for (const auto &[k, value] : found) EXPECT_EQ(value_of(k.c_str()), value) << k;
     close_conf();  // read_conf never frees the table it replaces
     EXPECT_EQ(load("K v"), 1);
     EXPECT_EQ(value_of("K"), "v");

@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 #include <utmpx.h>
 
-#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -89,17 +88,13 @@ MG_SANDBOX_TEST(Groups, PrimaryFirstThenMembershipsCutWhereTheBufferEnds) {
     mg::paths::override_for_tests(nullptr, nullptr, nullptr);
 }
 
-TEST(Sessions, CountingFromUtmpx) {
+MG_SANDBOX_TEST(Sessions, CountingFromUtmpx) {
     mgtest::TempDir dir;
-    const std::string utmp = dir / "utmp";
+    const std::string utmp = mgtest::Sandbox::kUtmpx;
     mg::paths::override_for_tests(nullptr, dir.path().c_str(), utmp.c_str());
+    sb.clear_utmpx();
     auto add = [&](const char *user, const std::string &line, const char *host, short type = USER_PROCESS) {
-        struct utmpx u {};
-        u.ut_type = type;
-        strncpy(u.ut_user, user, sizeof u.ut_user);
-        strncpy(u.ut_line, line.c_str(), sizeof u.ut_line);
-        strncpy(u.ut_host, host, sizeof u.ut_host);
-        std::ofstream(utmp, std::ios::binary | std::ios::app).write(reinterpret_cast<const char *>(&u), sizeof u);
+        sb.add_utmpx(user, line, host, type);
     };
     add("alice", "pts/1", "10.0.0.1");
     add("alice", "tty2", "");

@@ -6,11 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <thread>
 #include <string>
 #include <vector>
 
@@ -21,64 +19,47 @@ namespace seclogtest {
 
 // Back to the state of a fresh process: not initialised, no file.
 inline void reset_writer() {
+    namespace s = mg::seclog;
     g_nInitSecureLog = 0;
-    mg::seclog::g_szIdent[0] = '\0';
-    mg::seclog::g_szLogFilename[0] = '\0';
-    mg::seclog::g_szLockFilename[0] = '\0';
-    mg::seclog::g_nMaxLogSize = 0;
-    mg::seclog::g_nMaxLogFileCount = 0;
-    mg::seclog::g_nMGLogRotate = 0;
+    s::g_szIdent[0] = s::g_szLogFilename[0] = s::g_szLockFilename[0] = '\0';
+    s::g_nMaxLogSize = s::g_nMaxLogFileCount = s::g_nMGLogRotate = 0;
 }
 
-inline SecureLogRecord record(const char *message, const char *program = "PAM-ACL") {
-    SecureLogRecord rec;
-    memset(&rec, 0, sizeof rec);
-    rec.nSource = 7;
-    rec.nFlag = 0x2020001;
-    rec.nLevel = 2;
-    rec.tEvent = 1700000000;
-    snprintf(rec.szProgram, sizeof rec.szProgram, "%s", program);
-    snprintf(rec.szAddress, sizeof rec.szAddress, "%s", "10.1.2.3");
+inline SecureLogRecord record(const char *message) {
+    SecureLogRecord rec{};
+    rec.nSource = 7, rec.nFlag = 0x2020001, rec.nLevel = 2, rec.tEvent = 1700000000;
+    snprintf(rec.szProgram, sizeof rec.szProgram, "PAM-ACL");
+    snprintf(rec.szAddress, sizeof rec.szAddress, "10.1.2.3");
     snprintf(rec.szMessage, sizeof rec.szMessage, "%s", message);
     return rec;
 }
 
 inline std::vector<std::string> split(const std::string &text, char sep) {
     std::vector<std::string> out{""};
-    for (char c : text) {
-        if (c == sep) out.emplace_back();
-        else out.back() += c;
-    }
+    for (char c : text) c == sep ? void(out.emplace_back()) : out.back().push_back(c);
     return out;
 }
 
 inline std::vector<std::string> lines_of(const std::string &path) {
     std::vector<std::string> lines = split(mgtest::read_file(path), '\n');
-    if (!lines.empty() && lines.back().empty()) lines.pop_back();
+    if (lines.back().empty()) lines.pop_back();
     return lines;
 }
 
 // "<dir>/mglog.NN"
 inline std::string generation(const std::string &dir, int n) {
-    char name[32];
-    snprintf(name, sizeof name, "/mglog.%02d", n);
-    return dir + name;
+    return dir + (n < 10 ? "/mglog.0" : "/mglog.") + std::to_string(n);
 }
 
-// Holds the lock file, runs `work` in a child, checks after 200 ms that the
-// child still waits (and runs `while_held`), releases the lock and reaps the
-// child. True when the child waited and then `work` returned 0.
+// Holds the lock file while `work` runs in a child: true when the child was
+// still waiting after 200 ms (when `while_held` runs) and `work` then returned 0.
 inline bool waits_for_lock(const std::string &lock_file, const std::function<void()> &while_held,
                            const std::function<int()> &work) {
-    int held = GetFileLock(lock_file.c_str());
+    int held = GetFileLock(lock_file.c_str()), status = 0;
     if (held < 0) return false;
     pid_t child = fork();
-    if (child == 0) {
-        alarm(10);
-        _exit(work() == 0 ? 0 : 1);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    int status = 0;
+    if (child == 0) alarm(10), _exit(work() == 0 ? 0 : 1);
+    usleep(200000);
     bool waited = child > 0 && waitpid(child, &status, WNOHANG) == 0;
     while_held();
     FreeFileLock(held);
