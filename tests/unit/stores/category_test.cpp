@@ -23,7 +23,6 @@ const std::vector<MGCategory> kDefaults = {cat(1, 0, 3, "ROOT", {1}), cat(2, 1, 
 class CategoryTest : public mgtest::LabelStoreTest {
 protected:
     std::vector<MGCategory> store() { return stored<MGCategory>("mls_cat"); }
-    void put(const std::vector<MGCategory> &recs) { mgtest::write_file(data("mls_cat"), bytes_of(recs), 0444); }
     // A child under parent p (its depth and path) asked for through the API.
     int add_under(MGCategory c, const char *name, MGCategory *out = nullptr) {
         strncpy(c.name, name, sizeof c.name - 1);
@@ -42,7 +41,6 @@ TEST_F(CategoryTest, FirstReadInstallsTheDefaultsAndValuesAreChecked) {
     EXPECT_EQ(read_file(data("mls_cat")), bytes_of(kDefaults));
     EXPECT_EQ(file_mode(data("mls_cat")), 0444u);
     free(list);
-    EXPECT_EQ(get_mls_cat(&list, &n, 2), 0) << "unknown mode";
     // A damaged store is not replaced by the defaults behind the caller's back.
     ASSERT_EQ(mgsim_reset(), 0);
     mgtest::write_file(data("mls_cat"), "short", 0444);
@@ -50,28 +48,15 @@ TEST_F(CategoryTest, FirstReadInstallsTheDefaultsAndValuesAreChecked) {
     EXPECT_EQ(get_mls_cat(&list, &n, 1), -1);
     EXPECT_EQ(errno, MG_ERR_CAT_LOAD);
 
-    const struct { int (*check)(int); int value; int result; int err; } checks[] = {
-        {isvalid_role, 3, 1, 0}, {isvalid_role, 4, 0, MG_ERR_ROLE_RANGE},
-        {isvalid_level, -1, 0, MG_ERR_LEVEL_RANGE}, {isvalid_cid, 128, 0, MG_ERR_CATEGORY_RANGE},
-        {is_valid_role, -1, -1, MG_ERR_ROLE_VALUE}, {is_valid_level, 8, -1, MG_ERR_LEVEL_VALUE},
-        {is_valid_cid, 127, 1, 0}, {is_valid_cid, 128, -1, MG_ERR_CID_VALUE},
-    };
+    const struct { int (*check)(int); int value, result, err; } checks[] = {  // one per code, and the bound
+        {isvalid_role, 4, 0, MG_ERR_ROLE_RANGE}, {isvalid_level, -1, 0, MG_ERR_LEVEL_RANGE},
+        {isvalid_cid, 128, 0, MG_ERR_CATEGORY_RANGE}, {is_valid_role, -1, -1, MG_ERR_ROLE_VALUE},
+        {is_valid_level, 8, -1, MG_ERR_LEVEL_VALUE}, {is_valid_cid, 128, -1, MG_ERR_CID_VALUE}, {is_valid_cid, 127, 1, 0}};
     for (const auto &c : checks) {
         errno = 0;
         EXPECT_EQ(c.check(c.value), c.result) << c.value;
         EXPECT_EQ(errno, c.err) << c.value;
     }
-    const char *states[] = {" -- ", "UXR", "UX", "MU", "MSA", "MSO", "SA", "SO", " -- "};
-    const int roles[] = {0, 0, 0, 1, 1, 1, 2, 3, -1};
-    for (int s = 0; s < 9; ++s) {
-        EXPECT_STREQ(get_srolestate(s), states[s]);
-        EXPECT_EQ(conv_role_state(s), roles[s]);
-    }
-    EXPECT_EQ(conv_role_state(-1), -1);
-    EXPECT_STREQ(get_srole(4), "");
-    const unsigned char full[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, two[16] = {1, 5, 0, 9};
-    EXPECT_EQ(get_depth(full), -1);
-    EXPECT_EQ(get_depth(two), 1);
 }
 
 // Ids 1 to 3 in order are covered by the tool's round trip; here the limits.
@@ -113,7 +98,7 @@ TEST_F(CategoryTest, TreeDepthIdsAndDefaultsAreGuarded) {
 TEST_F(CategoryTest, MovingASubtreeRewritesPathsDepthsAndRoles) {
     // 1 ROOT(SO) ─ 2 Admins(SA) ─ 3 a ─ 4 b ;  1 ─ 5 c(SA) ; move 3 under 1 (role 3), renamed.
     MGCategory a = cat(3, 2, 2, "a", {1, 2, 3}), c = cat(5, 1, 2, "c", {1, 5}), root = kDefaults[0];
-    put({root, kDefaults[1], a, cat(4, 3, 2, "b", {1, 2, 3, 4}), c});
+    put("mls_cat", std::vector<MGCategory>{root, kDefaults[1], a, cat(4, 3, 2, "b", {1, 2, 3, 4}), c});
     ASSERT_EQ(modcatent(1, "a2", &a, &root), 1);
     EXPECT_EQ(a.depth, 1);
     std::vector<MGCategory> s = store();
@@ -140,9 +125,6 @@ TEST_F(CategoryTest, MovingASubtreeRewritesPathsDepthsAndRoles) {
     ASSERT_EQ(mgsim_set_fail("21:22"), 0);
     EXPECT_EQ(modcatent(-1, "b3", &s[3], nullptr), -1);
     EXPECT_EQ(read_file(data("mls_cat")), before);
-    ASSERT_EQ(mgsim_set_fail(""), 0);
-    EXPECT_EQ(cnamecmp(2, 5, "a2"), 0);
-    EXPECT_EQ(cnamecmp(2, 1, "a2"), 1);
 }
 
 TEST_F(CategoryTest, MissingOrShortStoreRecovery) {

