@@ -15,24 +15,13 @@
 
 #include "stores/rulestore.hpp"
 #include "stores/rulestore_io.hpp"
+#include "stores/store_lines.hpp"
 
 namespace {
 
 int setuid_count() { return _sys_setuid_acl_cnt(); }
 
 int lazy_load_setuid() { return mg::rules::lazy_load(setuid_count, load_setuid_acl); }
-
-// One "flag:path" line (only the first ":" separates); false when malformed.
-bool parse_line(char *line, suidaclent *entry) {
-    char *sep = strchr(line, ':');
-    if (sep == nullptr) return false;
-    *sep = '\0';
-    int flag;
-    if (!mg::rules::parse_number(line, &flag) || (flag != 0 && flag != 1)) return false;
-    memset(entry, 0, sizeof *entry);
-    entry->flag = flag;
-    return sep[1] == '/' && mg::rules::copy_fit(entry->path, sizeof entry->path, sep + 1);
-}
 
 int upload(suidaclent *entry) {
     if (entry->flag != 0 && entry->flag != 1) return set_errno(EINVAL);
@@ -70,6 +59,17 @@ int walk(const char *dir, FILE *stream) {
 }
 
 }  // namespace
+
+bool mg::rules::parse_setuid_line(char *line, suidaclent *entry) noexcept {
+    char *sep = strchr(line, ':');
+    if (sep == nullptr) return false;
+    *sep = '\0';
+    int flag;
+    if (!parse_number(line, &flag) || (flag != 0 && flag != 1)) return false;
+    memset(entry, 0, sizeof *entry);
+    entry->flag = flag;
+    return sep[1] == '/' && copy_fit(entry->path, sizeof entry->path, sep + 1);
+}
 
 int add_setuid_acl(suidaclent *entry) noexcept {
     if (entry == nullptr || (entry->flag != 0 && entry->flag != 1)) return set_errno(EINVAL);
@@ -118,7 +118,7 @@ int load_setuid_acl(void) noexcept {
     while (fgets_rule_file(line, sizeof line, text.stream()) != nullptr) {
         suidaclent entry;
         int code = 0;
-        if (!parse_line(line, &entry))
+        if (!mg::rules::parse_setuid_line(line, &entry))
             code = MG_ERR_RULE_FORMAT;
         else if (upload(&entry) != 0 && errno != MG_ERR_RULE_KNOENT && errno != MG_ERR_RULE_EXISTS)
             code = errno;

@@ -14,6 +14,7 @@
 
 #include "stores/dbfile.hpp"
 #include "stores/rulestore.hpp"
+#include "stores/store_lines.hpp"
 #include "common/textbuf.hpp"
 
 namespace {
@@ -48,13 +49,7 @@ bool parse_numbers(char *line, alcmd &entry) {
 int read_list(FILE *in, alcmd_list *list) {
     char line[1024];
     while (list->count < MG_ALCMD_MAX && fgets_alcmd_file(line, sizeof line, in) != nullptr) {
-        alcmd &e = list->entries[list->count];
-        memset(&e, 0, sizeof e);
-        if (line[0] != '/' || strlen(line) > 254) return -1;
-        memcpy(e.path, line, strlen(line) + 1);
-        if (fgets_alcmd_file(line, sizeof line, in) == nullptr || !parse_numbers(line, e) ||
-            check_alcmd(MG_ALCMD_LOAD, &e) != 0)
-            return -1;
+        if (!mg::rules::read_alcmd_entry(line, in, &list->entries[list->count])) return -1;
         ++list->count;
     }
     // Entries past the 50th are ignored, deliberately without error.
@@ -83,6 +78,16 @@ int change(int mode, const alcmd *entry, ListEdit edit) {
 }  // namespace
 
 // A root that cannot be confirmed fails here (see get_alsvc_path).
+bool mg::rules::read_alcmd_entry(const char *path_line, FILE *in, alcmd *entry) noexcept {
+    memset(entry, 0, sizeof *entry);
+    const size_t len = strlen(path_line);
+    if (path_line[0] != '/' || len > 254) return false;
+    memcpy(entry->path, path_line, len + 1);
+    char line[1024];
+    return fgets_alcmd_file(line, sizeof line, in) != nullptr && parse_numbers(line, *entry) &&
+           check_alcmd(MG_ALCMD_LOAD, entry) == 0;
+}
+
 int get_alcmdpath(void) noexcept {
     if (chk_mgrootdir() != 1) return 0;
     mg::stores::build_store_path(g_szAlcmdPath, "alcmd_file");

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "stores/rulestore.hpp"
+#include "stores/store_lines.hpp"
 
 namespace {
 
@@ -21,19 +22,6 @@ struct List {
     ~List() { free(items); }
 };
 
-// One "number:name" line; only the first ":" separates.
-bool parse_line(char *line, polgrp &g) {
-    char *sep = strchr(line, ':');
-    if (sep == nullptr) return false;
-    *sep = '\0';
-    int id;
-    if (!mg::rules::parse_number(line, &id) || sep[1] == '\0') return false;
-    memset(&g, 0, sizeof g);
-    g.polgrp_id = id;
-    strncpy(g.name, sep + 1, sizeof g.name - 1);
-    return true;
-}
-
 int find(const List &list, int id) {
     for (int i = 0; i < list.count; ++i)
         if (list.items[i].polgrp_id == id) return i;
@@ -41,6 +29,18 @@ int find(const List &list, int id) {
 }
 
 }  // namespace
+
+bool mg::rules::parse_polgrp_line(char *line, polgrp *group) noexcept {
+    char *sep = strchr(line, ':');
+    if (sep == nullptr) return false;
+    *sep = '\0';
+    int id;
+    if (!parse_number(line, &id) || sep[1] == '\0') return false;
+    memset(group, 0, sizeof *group);
+    group->polgrp_id = id;
+    strncpy(group->name, sep + 1, sizeof group->name - 1);
+    return true;
+}
 
 int get_all_polgrp(polgrp **list, int *count) noexcept {
     if (list == nullptr || count == nullptr) return set_errno(EINVAL);
@@ -60,7 +60,7 @@ int get_all_polgrp(polgrp **list, int *count) noexcept {
     char line[2048];
     // Lines past the 512th are not read.
     while (n < kMaxGroups && fgets_rule_file(line, sizeof line, text.stream()) != nullptr)
-        if (!parse_line(line, read[n++])) return set_errno(MG_ERR_RULE_FORMAT);
+        if (!mg::rules::parse_polgrp_line(line, &read[n++])) return set_errno(MG_ERR_RULE_FORMAT);
     if (n == 0) return 0;
     auto *items = static_cast<polgrp *>(malloc(static_cast<size_t>(n) * sizeof(polgrp)));
     if (items == nullptr) return set_errno(ENOMEM);
