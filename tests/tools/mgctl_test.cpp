@@ -108,12 +108,29 @@ MG_SANDBOX_TEST(Mgctl, LintNamesEveryLineTheModuleWouldSkipOrDeny) {
     users[1324 + 18] = 9;  // the second record's role
     mgtest::write_file(root + "/data/mls_user", users);
     mgtest::write_file(root + "/data/mls_cat", std::string(57, '\0'));
+    // The text stores, read as their loads read them.
+    const std::pair<const char *, const char *> stores[] = {
+        {"policy_group", "1:www\n1:dup\n"},
+        {"acl_file", "[ACL]\n/etc/shadow\n1\n0\n0\n9\n1:0:nosuch:::r\n[/ACL]\n# two\n[ACL]\n/etc/shadow\n1\n7\n0\n0\n"
+                     "0:::::\n[/ACL]\n"},
+        {"acl_fgroup", "[FGROUP]\n0\ng\n0\n1\n0\n0\n/a*b\n0\n[/FGROUP]\n[FGROUP]\n0\nh\n0\n1\n0\n0\n/x\n3\n[/FGROUP]\n"},
+        {"acl_kill", "[KACL]\n/bin/x\n2\nALL\n[/KACL]\n"},
+        {"acl_setuid", "0:/no/such/program\nx:/bin/y\n"},
+        {"alsvc_user", "[ALSVC]\n0:root:1\nsshd:1:0:10.0.0.300\n[/ALSVC]\n[ALSVC]\n1:x:1\nsshd:1\n"},
+        {"alcmd_file", "/bin/ls\n1:7:3:1\nbin/x\n1:0:0:0\n"}};
+    for (const auto &[name, text] : stores) mgtest::write_file(root + "/data/" + name, text);
     r = mgctl({"--pam-dir", EXAMPLES, "--root", root, "lint"});
     EXPECT_EQ(r.status, 1);
-    for (const std::string line : {"/data/ips.conf:0: error", "/data/mls_user:2: error", "/data/mls_cat:0: error",
-                                   "/conf/mgopt.conf:0: error"})
+    for (const std::string line :
+         {"/data/ips.conf:0: error", "/data/mls_user:2: error", "/data/mls_cat:0: error", "/conf/mgopt.conf:0: error",
+          "/data/policy_group:2: warning", "/data/acl_file:1: warning", "/data/acl_file:7: warning",
+          "/data/acl_file:10: error", "/data/acl_file:11: error", "/data/acl_fgroup:8: warning",
+          "/data/acl_fgroup:18: error", "/data/acl_kill:3: error", "/data/acl_setuid:1: warning",
+          "/data/acl_setuid:2: error", "/data/alsvc_user:3: warning", "/data/alsvc_user:7: error",
+          "/data/alcmd_file:3: error"})
         EXPECT_TRUE(has(r, root + line)) << line << "\n" << r.out;
     EXPECT_FALSE(has(r, "/data/mls_user:1:")) << r.out;
+    EXPECT_TRUE(has(r, "\n11 error(s), 6 warning(s)")) << "nothing else is reported";
 }
 
 MG_SANDBOX_TEST(Mgctl, LogStatusAndSessions) {
@@ -191,7 +208,7 @@ MG_SANDBOX_TEST(Mgctl, RuleStoresThroughTheLibrary) {
     ASSERT_EQ(0, mgsim_set_status(1));
     // Lists that must show the same after a fresh kernel loads the store files.
     const std::vector<Step> lists = {
-        {{"facl", "--json"}, 0, R"({"path":"/etc/shadow","mode":1,"flag":0,"polgrp":3,"rules":["1:7001:alice:::rw"]})"},
+        {{"facl", "--json"}, 0, R"({"path":"/etc/shadow","mode":1,"flag":0,"polgrp":1,"rules":["1:7001:alice:::rw"]})"},
         {{"fgroups"}, 0, "   1 web                                2      0\n    rule 16:7000:staff:::r\n    member 1:" +
                              root},
         {{"kill-acl", "--json"}, 0, R"({"path":"/usr/sbin/sshd","flag":1,"deny":"KILL:TERM"})"},
@@ -204,7 +221,7 @@ MG_SANDBOX_TEST(Mgctl, RuleStoresThroughTheLibrary) {
     };
     const std::vector<Step> changes = {
         {{"facl", "add", "/etc/shadow", "--rule", "1:7001:alice:::rw"}, 0, "/etc/shadow: added"},
-        {{"facl", "mod", "/etc/shadow", "--mode", "1", "--polgrp", "3"}, 0, "/etc/shadow: changed"},
+        {{"facl", "mod", "/etc/shadow", "--mode", "1", "--polgrp", "1"}, 0, "/etc/shadow: changed"},
         {{"facl", "add", "/etc/passwd", "--rule", "1:7001:bob:::r"}, 1, "(10075: "},  // not that uid's name
         {{"facl", "add", "/etc/passwd", "--rule", "1:7001:alice:::R"}, 2, "not a rule line"},
         {{"fgroups", "add", "web", "--rule", "16:7000:staff:::r", "--member", "1:" + root}, 0, "web (id 1): added"},
@@ -234,6 +251,9 @@ MG_SANDBOX_TEST(Mgctl, RuleStoresThroughTheLibrary) {
     ASSERT_EQ(0, mgsim_reset());
     ASSERT_EQ(0, mgsim_set_status(1));
     run_steps(root, lists);
+    // Every store the library wrote reads cleanly.
+    Run lint = mgctl({"--pam-dir", EXAMPLES, "--root", root, "lint"});
+    EXPECT_FALSE(has(lint, "/data/")) << lint.out;
     mgsim_use_state(nullptr);
 }
 

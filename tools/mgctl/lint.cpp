@@ -3,6 +3,7 @@
 // read with the PAM module's own reader, so line numbers and skipped lines
 // are those of the module's own messages.
 #include "mgctl/mgctl.hpp"
+#include "mgctl/lint.hpp"
 
 #include <mossgrove/common.h>
 #include <mossgrove/config.h>
@@ -28,18 +29,6 @@
 
 namespace mgctl {
 namespace {
-
-struct Report {
-    int errors = 0, warnings = 0;
-    void error(const std::string &file, int line, const std::string &text) {
-        std::printf("%s:%d: error: %s\n", file.c_str(), line, text.c_str());
-        ++errors;
-    }
-    void warning(const std::string &file, int line, const std::string &text) {
-        std::printf("%s:%d: warning: %s\n", file.c_str(), line, text.c_str());
-        ++warnings;
-    }
-};
 
 // The module's messages about the line being read, kept while a file is checked.
 std::string g_module_message;
@@ -243,6 +232,7 @@ int cmd_lint(const Args &args) {
         lint_options(report, root);
         lint_policy_modes(report, root);
         lint_binary_stores(report, root);
+        lint_text_stores(report, root);
     }
     mg::pam::set_log_sink(nullptr);
     std::printf("%d error(s), %d warning(s)\n", report.errors, report.warnings);
