@@ -54,7 +54,7 @@ bool parse_rule_line(char *line, rulentry *entry) {
         return false;
     if (f[4][0] != '\0') {
         // inet_addr's all-ones failure value refuses 255.255.255.255 too.
-        entry->ipaddr = inet_addr(f[4]);
+        entry->ipaddr = mg::rules::read_address(f[4]);
         if (entry->ipaddr == INADDR_NONE) return false;
     }
     const int perm = str2perm(f[5]);

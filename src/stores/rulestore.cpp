@@ -4,6 +4,7 @@
 #include <mossgrove/common.h>
 #include <mossgrove/kernel.h>
 
+#include <arpa/inet.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/text.hpp"
 #include "stores/dbfile.hpp"
 
 namespace mg::rules {
@@ -141,17 +143,43 @@ int split_fields(char *line, char sep, char **fields, int max) noexcept {
     for (;;) {
         if (n < max) fields[n] = p;
         ++n;
-        char *s = strchr(p, sep);
-        if (s == nullptr) return n;
-        *s = '\0';
-        p = s + 1;
+        // A plain loop: fields are a few characters long, too short for strchr.
+        while (*p != '\0' && *p != sep) ++p;
+        if (*p == '\0') return n;
+        *p++ = '\0';
     }
 }
 
 bool parse_number(const char *s, int *value) noexcept {
-    if (isValidNumber(s) != 1) return false;
-    *value = static_cast<int>(strtol(s, nullptr, 10));
+    if (s == nullptr || *s == '\0') return false;
+    // isValidNumber and strtol in one pass; up to 18 digits cannot overflow.
+    uint64_t v = 0;
+    const char *p = s;
+    for (; *p != '\0'; ++p) {
+        if (!mg::text::is_digit(*p)) return false;
+        v = v * 10 + static_cast<uint64_t>(*p - '0');
+    }
+    *value = p - s <= 18 ? static_cast<int>(static_cast<long>(v)) : static_cast<int>(strtol(s, nullptr, 10));
     return true;
+}
+
+uint32_t read_address(const char *text) noexcept {
+    // Four decimal parts of 0 to 255 without leading zeros, which inet_addr
+    // reads the same; anything else (octal, hexadecimal, fewer parts) goes to it.
+    unsigned char bytes[4];
+    const char *p = text;
+    for (int i = 0; i < 4; ++i) {
+        unsigned part = 0;
+        const char *digits = p;
+        while (mg::text::is_digit(*p) && p - digits < 3) part = part * 10 + static_cast<unsigned>(*p++ - '0');
+        const bool plain = p > digits && part <= 255 && (p - digits == 1 || *digits != '0');
+        if (!plain || *p != (i < 3 ? '.' : '\0')) return inet_addr(text);
+        bytes[i] = static_cast<unsigned char>(part);
+        ++p;
+    }
+    uint32_t addr;
+    memcpy(&addr, bytes, sizeof addr);
+    return addr;
 }
 
 bool copy_fit(char *dst, size_t size, const char *src) noexcept {
@@ -236,10 +264,15 @@ void resolve_rule_ids(rulentry *entries, int count, NameIndex &users, NameIndex 
 
 char *next_significant_line(char *buf, int size, FILE *stream) noexcept {
     if (buf == nullptr || stream == nullptr || size < 2) return nullptr;
+    // RemoveTailCRLF and TrimWhiteSpace in one pass over the line.
     while (fgets(buf, size, stream) != nullptr) {
-        RemoveTailCRLF(buf);
-        TrimWhiteSpace(buf, buf);
-        if (buf[0] != '\0' && buf[0] != '#') return buf;
+        size_t end = strlen(buf), start = 0;
+        while (end > 0 && mg::text::is_space(buf[end - 1])) --end;
+        while (start < end && mg::text::is_space(buf[start])) ++start;
+        if (start == end || buf[start] == '#') continue;
+        if (start > 0) memmove(buf, buf + start, end - start);
+        buf[end - start] = '\0';
+        return buf;
     }
     return nullptr;
 }

@@ -106,6 +106,9 @@ int split_fields(char *line, char sep, char **fields, int max) noexcept;
 // A field that isValidNumber accepts, as an int (cut as atoi cuts).
 bool parse_number(const char *s, int *value) noexcept;
 
+// inet_addr (text), the address in network byte order or all ones.
+uint32_t read_address(const char *text) noexcept;
+
 // Copies at most size - 1 characters; false when src is longer.
 bool copy_fit(char *dst, size_t size, const char *src) noexcept;
 

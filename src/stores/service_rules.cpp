@@ -63,7 +63,7 @@ bool parse_rule(char *line, alsvc_rule &r) {
     r.value1 = v1;
     r.value2 = v2;
     // Deliberately unchecked: a malformed address is kept as all ones.
-    r.ipaddr = inet_addr(f[3]);
+    r.ipaddr = mg::rules::read_address(f[3]);
     return true;
 }
 
