@@ -46,11 +46,7 @@ TEST_F(Gateway, EveryArgumentLayoutMakesItsCall) {
     MGFileLabel fl{};
     const char *path = path_.c_str();
     int hdr[10] = {1, 5}, n = 3;  // service-rule header: 1 rule, id 5
-    const struct {
-        const char *name;
-        std::function<int()> call;
-        long sub, ptr, arg2, len, flag;
-    } table[] = {
+    const struct { const char *name; std::function<int()> call; long sub, ptr, arg2, len, flag; } table[] = {
         {"_get_module_info", [&] { return _get_module_info(&info); }, 1, a(&info), 0, 72, 0},
         {"_sys_getconf_all", [] { return _sys_getconf_all(g_buf); }, 4, a(g_buf), 0, 22, 0},
         {"_sys_getconf_mode", [] { return _sys_getconf_mode(g_buf); }, 5, a(g_buf), 0, 4, 0},
@@ -89,11 +85,8 @@ TEST_F(Gateway, ArgumentChecksComeBeforeTheKernel) {
     int zero = 0;
     MGProcLabel neg{0, {0, 0, 0}, 0, 0, -1}, role255{255, {0, 0, 0}, 0, 0, 1};
     int hdr_neg_id[10] = {1, -1}, hdr_no_rules[10] = {0, 0};
-    const struct {
-        const char *name;
-        std::function<int()> call;
-        int err;  // -1: errno left alone
-    } table[] = {
+    // err -1: errno left alone
+    const struct { const char *name; std::function<int()> call; int err; } table[] = {
         {"_sys_getmp(-1)", [] { return _sys_getmp(-1); }, ESRCH},
         {"_sys_getmp2(pid -1)", [&] { return _sys_getmp2(&neg); }, EINVAL},
         {"_sys_setmp2(role 255)", [&] { return _sys_setmp2(&role255); }, EINVAL},
