@@ -83,6 +83,8 @@ TEST_F(FileAcl, FileLoadsAndDumpsBackCanonical) {
     ASSERT_EQ(load_file_acl(), 0);
     ASSERT_EQ(dump_file_acl(), 0);
     EXPECT_EQ(get("acl_file"), two());
+    EXPECT_EQ(get(".acl_file_bak"), "# acl\n" + two()) << "the rule stores' shared backup name";
+    EXPECT_EQ(mgtest::file_mode(file("acl_file")), 0444u);
     ASSERT_EQ(_sys_clear_file_acl(), 0);  // an empty kernel dumps an empty file
     ASSERT_EQ(dump_file_acl(), 0);
     EXPECT_EQ(get("acl_file"), "");
