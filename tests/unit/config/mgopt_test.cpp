@@ -1,5 +1,6 @@
-// The option file: reading with defaults and ranges, checking, and the exact
-// written layout with its temporary-file replace.
+// The option file: reading with defaults and ranges, checking, the exact
+// written layout with its temporary-file replace, and ModulePending against
+// the simulated kernel module.
 #include <mossgrove/config.h>
 
 #include <gtest/gtest.h>
@@ -11,7 +12,9 @@
 #include <cstring>
 #include <string>
 #include <tuple>
+#include <vector>
 
+#include "mgsim.h"
 #include "testsupport.hpp"
 
 namespace {
@@ -25,6 +28,7 @@ protected:
     std::string path = dir / "mgopt.conf";
     MGOptionBuf opt{};
 
+    void TearDown() override { mgsim_use_state(nullptr); }
     int read(const std::string &text) {
         mgtest::write_file(path, text);
         memset(&opt, 0x5a, sizeof opt);
@@ -33,17 +37,8 @@ protected:
 };
 
 // A complete, valid record (no kernel module: ModulePending reads as 'X').
-MGOptionBuf valid_record() {
-    MGOptionBuf o{};
-    snprintf(o.SecureLogDir, sizeof o.SecureLogDir, "/var/log/mg");
-    snprintf(o.SecureLogBakDir, sizeof o.SecureLogBakDir, "/var/backup/mg");
-    snprintf(o.MailServer, sizeof o.MailServer, "mail.example.org");
-    snprintf(o.MailAddress, sizeof o.MailAddress, "ops@example.org");
-    o.SecureLogSize = 50, o.SecureLogFileCount = 7, o.PV_Time = 120, o.PV_Count = 3, o.CurrentFileRate = 40;
-    o.AuditTrailAlert = 'N', o.ModulePending = 'X', o.PV_Enable = 'Y', o.PV_ProcessKill = 'N';
-    o.MailEnable = 'Y', o.ClearAllLog = 'Y', o.BackupAndClear = 'N', o.SmsEnable = 'N';
-    return o;
-}
+const MGOptionBuf kValid{"/var/log/mg", "/var/backup/mg", 50, 7, 'N', 'X', 'Y', 120, 3, 'N', 'Y',
+                         "mail.example.org", "ops@example.org", 'Y', 40, 'N', 'N', "", ""};
 
 TEST_F(OptionFile, RequiredKeysAloneGiveEveryDefault) {
     ASSERT_EQ(0, read(kRequired));
@@ -75,22 +70,19 @@ TEST_F(OptionFile, UnusableRequiredValuesFailTheRead) {
 }
 
 TEST_F(OptionFile, OptionalValuesOutOfRangeTakeTheirDefaultsAndFlagsAreLopsided) {
-    // The required keys and one more line, and the value that line gives one field.
-    const struct { const char *line; long (*field)(const MGOptionBuf &); long expect; } cases[] = {
-        {"PV_Count 1", [](const MGOptionBuf &o) -> long { return o.PV_Count; }, 5},
-        {"PV_Count 20", [](const MGOptionBuf &o) -> long { return o.PV_Count; }, 20},
-        {"PV_Time 4294967306", [](const MGOptionBuf &o) -> long { return o.PV_Time; }, 60},
-        {"PV_Time 2147483647", [](const MGOptionBuf &o) -> long { return o.PV_Time; }, 2147483647},
-        {"CurrentFileRate 5%", [](const MGOptionBuf &o) -> long { return o.CurrentFileRate; }, 100},
+    // The required keys and one more line, and the value that line gives one number or flag.
+    const struct { const char *line; int32_t MGOptionBuf::*num; char MGOptionBuf::*flag; long expect; } cases[] = {
+        {"PV_Count 1", &MGOptionBuf::PV_Count, nullptr, 5}, {"PV_Count 20", &MGOptionBuf::PV_Count, nullptr, 20},
+        {"PV_Time 4294967306", &MGOptionBuf::PV_Time, nullptr, 60},
+        {"PV_Time 2147483647", &MGOptionBuf::PV_Time, nullptr, 2147483647},
+        {"CurrentFileRate 5%", &MGOptionBuf::CurrentFileRate, nullptr, 100},
         // Yes/no keys move only on the exact opposite of their default.
-        {"MailEnable no", [](const MGOptionBuf &o) -> long { return o.MailEnable; }, 'Y'},
-        {"MailEnable n", [](const MGOptionBuf &o) -> long { return o.MailEnable; }, 'N'},
-        {"ClearAllLog yes", [](const MGOptionBuf &o) -> long { return o.ClearAllLog; }, 'N'},
-        {"ClearAllLog y", [](const MGOptionBuf &o) -> long { return o.ClearAllLog; }, 'Y'},
+        {"MailEnable no", nullptr, &MGOptionBuf::MailEnable, 'Y'}, {"MailEnable n", nullptr, &MGOptionBuf::MailEnable, 'N'},
+        {"ClearAllLog yes", nullptr, &MGOptionBuf::ClearAllLog, 'N'}, {"ClearAllLog y", nullptr, &MGOptionBuf::ClearAllLog, 'Y'},
     };
     for (const auto &c : cases) {
         ASSERT_EQ(0, read(kRequired + c.line + "\n")) << c.line;
-        EXPECT_EQ(c.expect, c.field(opt)) << c.line;
+        EXPECT_EQ(c.expect, c.num ? long{opt.*c.num} : long{opt.*c.flag}) << c.line;
     }
     std::string server(40, 's'), address(300, 'a');
     ASSERT_EQ(0, read(kRequired + "MailServer " + server + "\nSmsTel " + address + "\n"));
@@ -99,8 +91,7 @@ TEST_F(OptionFile, OptionalValuesOutOfRangeTakeTheirDefaultsAndFlagsAreLopsided)
 }
 
 TEST(OptionCheck, EveryRuleRefusesItsOwnViolation) {
-    MGOptionBuf good = valid_record();
-    ASSERT_EQ(0, CheckMGOptionConfig(&good));
+    ASSERT_EQ(0, CheckMGOptionConfig(&kValid));
     using Breaker = void (*)(MGOptionBuf &);
     const Breaker breakers[] = {
         [](MGOptionBuf &o) { snprintf(o.SecureLogDir, sizeof o.SecureLogDir, "var/log"); },
@@ -119,15 +110,14 @@ TEST(OptionCheck, EveryRuleRefusesItsOwnViolation) {
     };
     int i = 0;
     for (const auto &breaker : breakers) {
-        MGOptionBuf o = valid_record();
+        MGOptionBuf o = kValid;
         breaker(o);
         EXPECT_EQ(-1, CheckMGOptionConfig(&o)) << "rule " << i++;
     }
 }
 
 TEST_F(OptionFile, WriteProducesTheExactLayout) {
-    MGOptionBuf o = valid_record();
-    ASSERT_EQ(0, WriteMGOptionConfig(path.c_str(), &o));
+    ASSERT_EQ(0, WriteMGOptionConfig(path.c_str(), &kValid));
     EXPECT_EQ("SecureLogDir\t/var/log/mg\nSecureLogBakDir\t/var/backup/mg\nSecureLogSize\t50\n"
               "SecureLogFileCount\t7\n\n"
               "AuditTrailAlert\tN\nModulePending\tX\n\n"
@@ -142,10 +132,10 @@ TEST_F(OptionFile, WriteProducesTheExactLayout) {
 TEST_F(OptionFile, RefusedOrFailedWritesLeaveTheOldFile) {
     const std::string old = "old contents\n", tmp = path + ".tmp";
     mgtest::write_file(path, old);
-    MGOptionBuf o = valid_record();
+    MGOptionBuf o = kValid;
     o.MailServer[0] = '\0';
     EXPECT_EQ(-1, WriteMGOptionConfig(path.c_str(), &o)) << "refused by the check";
-    o = valid_record();
+    o = kValid;
     // A link under the temporary name is not followed.
     const std::string elsewhere = dir / "elsewhere";
     ASSERT_EQ(0, symlink(elsewhere.c_str(), tmp.c_str()));
@@ -168,6 +158,25 @@ TEST_F(OptionFile, RefusedOrFailedWritesLeaveTheOldFile) {
     ASSERT_EQ(0, mkdir(taken.c_str(), 0700));
     EXPECT_EQ(-1, WriteMGOptionConfig(taken.c_str(), &o));
     EXPECT_FALSE(mgtest::exists(taken + ".tmp"));
+}
+
+// Only a loaded module whose version ends in an even number of 6 or more keeps
+// the file's setting (the version rule itself is tested with the module control).
+TEST_F(OptionFile, ModulePendingFollowsTheKernelModule) {
+    ASSERT_EQ(0, mgsim_use_state((dir / "state").c_str()));
+    ASSERT_EQ(0, mgsim_reset());
+    const struct { const char *version; int absent; std::vector<const char *> values; const char *want; } cases[] = {
+        {"1.2.10", 0, {"Y", "y", "N", "X", "yes"}, "YYNXX"}, {"2.0.7", 0, {"Y", "N"}, "XX"}, {"2.0.8", 1, {"Y"}, "X"}};
+    for (const auto &c : cases) {
+        ASSERT_EQ(0, mgsim_set_version(c.version));
+        ASSERT_EQ(0, mgsim_set_absent(c.absent));
+        std::string got;
+        for (const char *v : c.values) {
+            ASSERT_EQ(0, read("SecureLogDir /l\nSecureLogSize 1\nSecureLogFileCount 1\nModulePending " + std::string(v) + "\n"));
+            got += opt.ModulePending;
+        }
+        EXPECT_EQ(c.want, got) << c.version;
+    }
 }
 
 }  // namespace
