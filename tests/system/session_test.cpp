@@ -68,8 +68,8 @@ TEST_P(Sessions, EachModeHandlesAnExceededUserLimit) {
         EXPECT_EQ(w.take_audit().at(0).message, opened_entry("alice", "localhost"));
         // Consoles and terminal-less sessions are not looked at.
         w.acl_file("user_session.conf", "x:alice:0::\n");
-        for (Items items : {from("10.0.0.5", "tty2"), Items{std::string("10.0.0.5"), std::nullopt, {}}})
-            EXPECT_EQ(w.open_session("alice", items).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.open_session("alice", from("10.0.0.5", "tty2")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.open_session("alice", {std::string("10.0.0.5"), std::nullopt, {}}).rc, PAM_SUCCESS);
         EXPECT_EQ(w.take_module_syslog(), Lines{});
     });
 }
@@ -83,7 +83,6 @@ TEST_P(Sessions, UserGroupDefaultAndAddressRulesApplyInOrder) {
         w.sb.add_utmpx("carol", "pts/4", "192.168.1.1");
         auto refused_by = [&](const char *user, const Items &items) -> std::string {
             EXPECT_EQ(w.open_session(user, items).rc, PAM_SESSION_ERR) << user;
-            EXPECT_EQ(w.take_module_syslog(), Lines{});
             auto audit = w.take_audit();
             return audit.size() == 1u ? entry_text(audit[0], kEventSession, 2) : "entries: " + std::to_string(audit.size());
         };
