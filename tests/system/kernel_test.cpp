@@ -6,6 +6,7 @@
 #include "mgsim.h"
 
 #include <mossgrove/kernel.h>
+#include <mossgrove/labels.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -40,16 +41,13 @@ void clear_origins() { ASSERT_TRUE(mgsim_reset() == 0 && mgsim_set_status(1) == 
 // Loads MLS user and category records into the simulated kernel through
 // system call 223 (sub-commands 17 and 21), as the library's loaders do.
 void load_label(int uid, int level, int category, int role, const char *category_name) {
-    std::vector<unsigned char> mu(1324, 0), cat(56, 0);
-    std::memcpy(&mu[0], &uid, 4);
-    std::memcpy(&mu[8], &level, 4);
-    std::memcpy(&mu[12], &category, 4);
-    mu[18] = static_cast<unsigned char>(role);
-    ASSERT_EQ(syscall(223, 17, mu.data(), 0, 1, 0), 0) << std::strerror(errno);
-    if (category_name == nullptr) return;
-    std::memcpy(&cat[0], &category, 4);
-    std::snprintf(reinterpret_cast<char *>(&cat[7]), 33, "%s", category_name);
-    ASSERT_EQ(syscall(223, 21, cat.data(), 0, 1, 0), 0) << std::strerror(errno);
+    MGMlsUser mu{};
+    mu.uid = uid, mu.level = level, mu.cid = category, mu.role = static_cast<unsigned char>(role);
+    ASSERT_EQ(syscall(223, 17, &mu, 0, 1, 0), 0) << std::strerror(errno);
+    MGCategory cat{};  // none: the read fails, level 0
+    cat.id = category;
+    std::snprintf(cat.name, sizeof cat.name, "%s", category_name ? category_name : "");
+    ASSERT_EQ(syscall(223, 21, &cat, 0, category_name ? 1 : 0, 0), 0) << std::strerror(errno);
 }
 
 TEST(KernelFacing, AcceptedLoginsAreRegisteredWithTerminalAndAddress) {
@@ -152,8 +150,6 @@ TEST(KernelFacing, ViolationEntriesCarryTheUsersKernelLabel) {
                                             {3, "SO", "payroll-and-finance-department-x"}}) {
             SCOPED_TRACE(code);
             load_label(5001, 3, 5, role, category);
-            unsigned char none[56] = {};  // no category records: the read fails, level 0
-            ASSERT_TRUE(category != nullptr || syscall(223, 21, none, 0, 0, 0) == 0);
             EXPECT_EQ(w.account("alice", from("10.0.0.5"), "ftp").rc, PAM_PERM_DENIED);
             auto audit = w.take_audit();
             ASSERT_EQ(audit.size(), 1u);
