@@ -50,16 +50,12 @@ MG_SANDBOX_TEST(Mgctl, CheckExplainsTheDecisionFromTheRuleFiles) {
     sb.add_user("carol", 6001, 6000);
     sb.add_user("mallory", 6002, 6000);
     const std::vector<std::string> base = {"--pam-dir", EXAMPLES, "check", "--service", "sshd", "--tty", "pts/3"};
-    struct Case {
-        const char *user, *rhost, *at;
-        int status;
-        const char *step;
-    } cases[] = {
+    const struct { const char *user, *rhost, *at; int status; const char *step; } cases[] = {
         {"mallory", "10.1.2.3", nullptr, 1, "/user/mallory:2: decides: deny"},
         {"carol", "10.20.1.1", "2026-11-23 10:00", 0, "/group/contractors:2: decides: allow"},  // a Monday
         {"carol", "10.20.1.1", "2026-11-22 10:00", 1, "/group/contractors:3: decides: deny"},   // a Sunday
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         std::vector<std::string> args = base;
         args.insert(args.end(), {"--user", c.user, "--rhost", c.rhost});
         if (c.at != nullptr) args.insert(args.end(), {"--at", c.at});
@@ -69,7 +65,6 @@ MG_SANDBOX_TEST(Mgctl, CheckExplainsTheDecisionFromTheRuleFiles) {
                                          : "result: PAM_PERM_DENIED (refused)")) << r.out;
     }
     EXPECT_TRUE(sb.syslog().empty()) << "a dry run logs nothing";
-    EXPECT_EQ(mgctl({"check", "--user", "carol"}).status, 2);
     EXPECT_EQ(mgctl({"check", "--service", "sshd", "--user", "carol", "--at", "noon"}).status, 2);
 }
 
