@@ -6,7 +6,6 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,7 +17,6 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <stdexcept>
 
 namespace mgtest {
@@ -44,12 +42,6 @@ void put_file(const std::string &path, std::string_view content, bool append, mo
     bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
               (append || fchmod(fd, mode) == 0);
     check((close(fd) != 0) | !ok, "write " + path);
-}
-
-void put_etc(const std::string &relative, std::string_view content, bool append, mode_t mode) {
-    std::string path = "/etc/" + relative;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    put_file(path, content, append, mode);
 }
 
 // utmpx text fields need not be NUL terminated when full.
@@ -91,9 +83,8 @@ int wait_child(pid_t pid) {
 }  // namespace
 
 std::string SyslogMessage::line() const {
-    std::string out = priority >= 0 ? "<" + std::to_string(priority) + ">" + ident : ident;
-    if (pid != 0) out += "[" + std::to_string(pid) + "]";
-    return out + ": " + text;
+    return (priority >= 0 ? "<" + std::to_string(priority) + ">" : "") + ident +
+           (pid != 0 ? "[" + std::to_string(pid) + "]" : "") + ": " + text;
 }
 
 Sandbox::Sandbox(SyslogReader reader) : base_("/run/mg-sandbox"), scratch_(base_ + "/scratch") {
@@ -113,10 +104,7 @@ Sandbox::Sandbox(SyslogReader reader) : base_("/run/mg-sandbox"), scratch_(base_
 }
 
 Sandbox::~Sandbox() {
-    if (discarder_ > 0) {
-        kill(discarder_, SIGKILL);
-        wait_child(discarder_);
-    }
+    if (discarder_ > 0 && kill(discarder_, SIGKILL) == 0) wait_child(discarder_);
     if (reader_.joinable()) {
         while (write(stop_fd_[1], "x", 1) < 0 && errno == EINTR) {
         }
@@ -235,11 +223,12 @@ std::vector<SyslogMessage> Sandbox::wait_syslog(size_t count, std::chrono::milli
 }
 
 void Sandbox::write_etc(const std::string &relative, std::string_view content, mode_t mode) {
-    put_etc(relative, content, false, mode);
+    std::filesystem::create_directories(std::filesystem::path("/etc/" + relative).parent_path());
+    put_file("/etc/" + relative, content, false, mode);
 }
 
 void Sandbox::append_etc(const std::string &relative, std::string_view content) {
-    put_etc(relative, content, true, 0644);
+    put_file("/etc/" + relative, content, true, 0644);
 }
 
 void Sandbox::add_user(const std::string &name, uid_t uid, gid_t gid, const std::string &home,
@@ -268,10 +257,7 @@ void Sandbox::add_utmpx(const std::string &user, const std::string &line, const 
     fill_field(u.ut_id, line.size() > 4 ? line.substr(line.size() - 4) : line);
     fill_field(u.ut_user, user);
     fill_field(u.ut_host, host);
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
-    u.ut_tv.tv_sec = static_cast<int32_t>(tv.tv_sec);
-    u.ut_tv.tv_usec = static_cast<int32_t>(tv.tv_usec);
+    u.ut_tv.tv_sec = static_cast<int32_t>(time(nullptr));
     put_file(kUtmpx, std::string_view(reinterpret_cast<const char *>(&u), sizeof u), true, 0664);
 }
 
@@ -285,23 +271,14 @@ int run_sandboxed(const std::function<void(Sandbox &)> &body) {
     if (pid > 0) return wait_child(pid);
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // the child never outlives the test process
     if (getppid() != parent) _exit(2);
-    int code = 0;
-    {
-        std::optional<Sandbox> sb;
-        try {
-            sb.emplace();
-        } catch (const std::exception &e) {
-            std::fprintf(stderr, "%s\n", e.what());
-            std::fflush(nullptr);
-            _exit(2);
-        }
-        try {
-            body(*sb);
-            code = ::testing::Test::HasFailure() ? 1 : 0;
-        } catch (const std::exception &e) {
-            std::fprintf(stderr, "sandboxed body threw: %s\n", e.what());
-            code = 3;
-        }
+    int code = 2;  // until the sandbox stands
+    try {
+        Sandbox sb;
+        code = 3;
+        body(sb);
+        code = ::testing::Test::HasFailure() ? 1 : 0;
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "%s%s\n", code == 3 ? "sandboxed body threw: " : "", e.what());
     }
     std::fflush(nullptr);
     _exit(code);

@@ -19,16 +19,13 @@ namespace {
 
 // Records every message; prompts (libpam may issue them) get an empty answer.
 int record_conv(int n, const pam_message **msgs, pam_response **resp, void *data) {
-    auto *out = static_cast<std::vector<std::pair<int, std::string>> *>(data);
-    auto *answers = static_cast<pam_response *>(calloc(static_cast<size_t>(n), sizeof(pam_response)));
-    if (answers == nullptr) return PAM_BUF_ERR;
-    for (int i = 0; i < n; ++i) {
-        out->emplace_back(msgs[i]->msg_style, msgs[i]->msg ? msgs[i]->msg : "");
+    *resp = static_cast<pam_response *>(calloc(static_cast<size_t>(n), sizeof(pam_response)));
+    for (int i = 0; *resp != nullptr && i < n; ++i) {
+        static_cast<decltype(Outcome::conv) *>(data)->emplace_back(msgs[i]->msg_style, msgs[i]->msg ? msgs[i]->msg : "");
         if (msgs[i]->msg_style == PAM_PROMPT_ECHO_ON || msgs[i]->msg_style == PAM_PROMPT_ECHO_OFF)
-            answers[i].resp = strdup("");
+            (*resp)[i].resp = strdup("");
     }
-    *resp = answers;
-    return PAM_SUCCESS;
+    return *resp != nullptr ? PAM_SUCCESS : PAM_BUF_ERR;
 }
 
 std::optional<AuditEntry> parse_audit(const std::string &line, char sep) {
@@ -37,9 +34,8 @@ std::optional<AuditEntry> parse_audit(const std::string &line, char sep) {
     for (size_t at; f.size() < 7 && (at = line.find(sep, start)) != std::string::npos; start = at + 1)
         f.push_back(line.substr(start, at - start));
     if (f.size() != 7) return std::nullopt;
-    AuditEntry e{std::atoi(f[0].c_str()), std::atoi(f[1].c_str()), std::atoi(f[2].c_str()), std::atol(f[3].c_str()),
-                 std::atol(f[4].c_str()), f[5], f[6], line.substr(start), line};
-    return e;
+    return AuditEntry{std::stoi(f[0]), std::stoi(f[1]), std::stoi(f[2]), std::stol(f[3]), std::stol(f[4]), f[5], f[6],
+                      line.substr(start), line};
 }
 
 const char *pam_result_name(int rc) {
@@ -70,7 +66,6 @@ void expect_dry_run_agrees(const char *phase, const char *user, const Items &ite
 }  // namespace
 
 const char *module_path() { return MG_PAM_MODULE_PATH; }
-
 World::World(mgtest::Sandbox &sandbox) : sb(sandbox) {
     root = sb.scratch() + "/mgroot";
     log_dir = root + "/log";
@@ -88,7 +83,7 @@ World::World(mgtest::Sandbox &sandbox) : sb(sandbox) {
 
 void World::service_file(const std::string &service, const std::string &lines) {
     std::string text = lines;
-    for (size_t at; (at = text.find("%M")) != std::string::npos;) text.replace(at, 2, module_path());
+    for (size_t at; (at = text.find("%M")) != std::string::npos;) text.replace(at, 2, MG_PAM_MODULE_PATH);
     std::ofstream(confdir + "/" + service, std::ios::trunc) << text;
 }
 
@@ -109,9 +104,7 @@ Outcome World::run(int (*op)(pam_handle_t *, int), const char *user, const Items
         return out;
     }
     for (auto [item, value] : {std::pair{PAM_RHOST, &items.rhost}, {PAM_TTY, &items.tty}, {PAM_RUSER, &items.ruser}})
-        if (*value) {
-            EXPECT_EQ(pam_set_item(pamh, item, (*value)->c_str()), PAM_SUCCESS);
-        }
+        if (*value && pam_set_item(pamh, item, (*value)->c_str()) != PAM_SUCCESS) ADD_FAILURE() << "pam_set_item";
     out.rc = op(pamh, 0);
     pam_end(pamh, out.rc);
     if (check_with_mgctl && op != pam_close_session && user != nullptr && *user != '\0')
@@ -132,10 +125,7 @@ void World::split_syslog() {
     }
 }
 
-Lines World::take_module_syslog() {
-    split_syslog();
-    return std::exchange(module_lines_, {});
-}
+Lines World::take_module_syslog() { return split_syslog(), std::exchange(module_lines_, {}); }
 
 std::vector<AuditEntry> World::take_audit() {
     split_syslog();
@@ -152,10 +142,7 @@ std::vector<AuditEntry> World::take_audit() {
     return out;
 }
 
-void World::clear_logs() {
-    take_module_syslog();
-    take_audit();
-}
+void World::clear_logs() { take_module_syslog(), take_audit(); }
 
 void in_world(Kernel kernel, const std::function<void(World &)> &body) {
     if (!mgtest::sandbox_or_skip()) return;
@@ -165,14 +152,11 @@ void in_world(Kernel kernel, const std::function<void(World &)> &body) {
             sb.add_user(name, uid, gid, std::string("/home/") + name);
         sb.append_etc("hosts", "10.1.2.3\tbuild-host\n192.168.1.1\tlab-host\n");
         World world(sb);
-        if (kernel == Kernel::present) {
-            ASSERT_TRUE(mgsim_use_state((sb.scratch() + "/kernel.state").c_str()) == 0 && mgsim_reset() == 0 &&
-                        mgsim_set_status(1) == 0 && mgsim_set_log((sb.scratch() + "/kernel.calls").c_str()) == 0);
-            world.audit_sink = World::AuditSink::file;
-        } else {
-            ASSERT_EQ(mgsim_use_state(nullptr), 0);
-            world.audit_sink = World::AuditSink::syslog;
-        }
+        const bool present = kernel == Kernel::present;
+        ASSERT_TRUE(present ? mgsim_use_state((sb.scratch() + "/kernel.state").c_str()) == 0 && mgsim_reset() == 0 &&
+                                  mgsim_set_status(1) == 0 && mgsim_set_log((sb.scratch() + "/kernel.calls").c_str()) == 0
+                            : mgsim_use_state(nullptr) == 0);
+        world.audit_sink = present ? World::AuditSink::file : World::AuditSink::syslog;
         body(world);
     });
     EXPECT_EQ(status, 0) << "the sandboxed test body failed (its output is above)";
@@ -209,9 +193,8 @@ std::string entry_text(const AuditEntry &entry, int flag, int level) {
 
 void expect_reported(World &w, const Outcome &out, const std::string &text) {
     EXPECT_EQ(w.take_module_syslog(), text.empty() ? Lines{} : Lines{"<35>" + text});
-    decltype(out.conv) shown;
-    if (!text.empty()) shown.emplace_back(PAM_TEXT_INFO, text);
-    EXPECT_EQ(out.conv, shown);
+    using Shown = decltype(out.conv);
+    EXPECT_EQ(out.conv, (text.empty() ? Shown{} : Shown{{PAM_TEXT_INFO, text}}));
 }
 
 }  // namespace mgsys

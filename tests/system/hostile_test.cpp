@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <iterator>
 #include <string>
-#include <vector>
 
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
@@ -33,22 +32,19 @@ TEST_P(Hostile, FormatDirectivesInNamesAndHostsAreLoggedLiterally) {
     Kernel kernel = GetParam();
     in_world(kernel, [&](World &w) {
         const std::string evil = "%n%s%x";
+        const Items items{evil, std::string("pts/3"), evil};
         w.sb.add_user(evil, 6001, 5000);
         w.modes("on", "on");
         w.user_rules(evil, "x:-:sshd:10.0.0.0/8::\n");
-
-        // As user name (refused, the entry holds it as it is), then also as remote host and user.
-        EXPECT_EQ(w.account(evil.c_str(), from("10.0.0.5")).rc, PAM_PERM_DENIED);
-        EXPECT_EQ(w.account(evil.c_str(), {evil, std::string("pts/3"), evil}).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.account(evil.c_str(), items).rc, PAM_SUCCESS);  // as user, remote host and user
         EXPECT_EQ(w.take_module_syslog(),
                   Lines{"<35>cannot get IP address or unsupported address format (host=" + evil + ")."});
         w.user_rules(evil, "x:-:sshd:*::\n");
-        EXPECT_EQ(w.account(evil.c_str(), {evil, std::string("pts/3"), evil}).rc, PAM_PERM_DENIED);
+        EXPECT_EQ(w.account(evil.c_str(), items).rc, PAM_PERM_DENIED);
         auto audit = w.take_audit();
-        ASSERT_EQ(audit.size(), 3u);
-        EXPECT_EQ(audit[0].message, access_violation(kernel, "sshd", evil, "10.0.0.5", "user " + evil, "Deny"));
-        EXPECT_EQ(audit[1].message, "User '" + evil + " (from " + evil + ")' has allowed to connect to 'sshd' service.");
-        EXPECT_EQ(audit[2].message, access_violation(kernel, "sshd", evil, evil, "user " + evil, "Deny", evil));
+        ASSERT_EQ(audit.size(), 2u);
+        EXPECT_EQ(audit[0].message, "User '" + evil + " (from " + evil + ")' has allowed to connect to 'sshd' service.");
+        EXPECT_EQ(audit[1].message, access_violation(kernel, "sshd", evil, evil, "user " + evil, "Deny", evil));
         Outcome out = w.open_session(evil.c_str(), from(evil));
         EXPECT_EQ(out.rc, PAM_SESSION_ERR);
         expect_reported(w, out, "invalid hostname or IP address is assigned (user=" + evil + ", hostname=" + evil + ").");
@@ -60,14 +56,13 @@ TEST_P(Hostile, FormatDirectivesInNamesAndHostsAreLoggedLiterally) {
 TEST_P(Hostile, OverlongItemsAreCutNotOverrun) {
     in_world(GetParam(), [&](World &w) {
         w.modes("on", "on");
-        const std::string long_name(300, 'u');
-        w.sb.add_user(long_name, 6002, 5000);
-        const std::string long_host(5000, 'h');
+        const std::string name(300, 'u'), host(5000, 'h');
+        w.sb.add_user(name, 6002, 5000);
         w.default_rules("x:-:sshd:10.0.0.0/8::\nx:-:ftp:*::\n");
-        EXPECT_EQ(w.account(long_name.c_str(), from(long_host, std::string(400, 't'))).rc, PAM_SUCCESS);
-        EXPECT_EQ(w.account(long_name.c_str(), from(long_host), "ftp").rc, PAM_PERM_DENIED);
-        EXPECT_NE(w.open_session(long_name.c_str(), from(long_host)).rc, PAM_SUCCESS);
-        EXPECT_EQ(w.close_session(long_name.c_str(), from(long_host)).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.account(name.c_str(), from(host, std::string(400, 't'))).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.account(name.c_str(), from(host), "ftp").rc, PAM_PERM_DENIED);
+        EXPECT_NE(w.open_session(name.c_str(), from(host)).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.close_session(name.c_str(), from(host)).rc, PAM_SUCCESS);
         for (const auto &line : w.take_module_syslog()) EXPECT_LE(line.size(), 8192u + 5);
         for (const auto &entry : w.take_audit()) EXPECT_LE(entry.message.size(), 1023u);
     });
@@ -85,47 +80,22 @@ TEST_P(Hostile, LinesAroundTheBufferSizeAreReadAsFgetsWouldReadThem) {
         w.modes("on", "on");
         // Up to 510 characters fit the 512-byte buffer with the newline; of a
         // longer line the first 511 are skipped and the rest is a line of its
-        // own: empty, or the tail of ":-:sshd:*::" with an empty or bad permission field.
+        // own: empty, or the tail of ":-:sshd:*::" with an empty or bad permission
+        // field. A NUL hides the newline behind it: that line is skipped too.
         const std::string too_long = "<35>" + kUserFile + ": line 1: missing newline or line too long";
         const std::string line2 = "<35>" + kUserFile + ": line 2: ";
-        const struct { size_t n; int rc; Lines syslog; } cases[] = {
-            {510, PAM_PERM_DENIED, {}}, {511, PAM_SUCCESS, {too_long}},
-            {512, PAM_PERM_DENIED, {too_long, line2 + "empty permission field"}},
-            {514, PAM_PERM_DENIED, {too_long, line2 + "empty permission field"}},
-            {515, PAM_PERM_DENIED, {too_long, line2 + "bad permission field"}}};
+        const struct { std::string text; int rc; Lines syslog; } cases[] = {
+            {padded_rule(510), PAM_PERM_DENIED, {}}, {padded_rule(511), PAM_SUCCESS, {too_long}},
+            {padded_rule(512), PAM_PERM_DENIED, {too_long, line2 + "empty permission field"}},
+            {padded_rule(514), PAM_PERM_DENIED, {too_long, line2 + "empty permission field"}},
+            {padded_rule(515), PAM_PERM_DENIED, {too_long, line2 + "bad permission field"}},
+            {std::string("x:-:sshd:*::\0trailing", 21), PAM_SUCCESS, {too_long}}};
         for (const auto &c : cases) {
-            SCOPED_TRACE("line of " + std::to_string(c.n) + " characters");
-            w.user_rules("alice", padded_rule(c.n) + "\n");
+            SCOPED_TRACE("line of " + std::to_string(c.text.size()) + " characters");
+            w.user_rules("alice", c.text + "\n");
             EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, c.rc);
             EXPECT_EQ(w.take_module_syslog(), c.syslog);
         }
-        w.clear_logs();
-    });
-}
-
-TEST_P(Hostile, NulBytesAndMissingFinalNewlines) {
-    in_world(GetParam(), [&](World &w) {
-        w.modes("on", "on");
-        auto line_msg = [&](int n) {
-            return "<35>" + kUserFile + ": line " + std::to_string(n) + ": missing newline or line too long";
-        };
-        // A NUL hides the newline behind it: the line is reported and skipped.
-        w.user_rules("alice", std::string("x:-:sshd:*::\0trailing\n", 22) + "x:-:ftp:*::\n");
-        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
-        EXPECT_EQ(w.account("alice", from("10.0.0.5"), "ftp").rc, PAM_PERM_DENIED);
-        EXPECT_EQ(w.take_module_syslog(), (Lines{line_msg(1), line_msg(1)}));
-
-        // The last line of a file without a final newline is reported and skipped.
-        w.user_rules("alice", "# only ftp\nx:-:ftp:*::\nx:-:sshd:*::");
-        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
-        EXPECT_EQ(w.take_module_syslog(), Lines{line_msg(3)});
-        EXPECT_EQ(w.account("alice", from("10.0.0.5"), "ftp").rc, PAM_PERM_DENIED);
-
-        // The same reader serves the session rule files.
-        w.acl_file("user_session.conf", "x:alice:0::");
-        EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
-        w.acl_file("user_session.conf", padded_rule(600).substr(0, 589) + ":alice:0::\n");
-        EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SESSION_ERR);  // the tail is a rule line
         w.clear_logs();
     });
 }
@@ -140,17 +110,12 @@ TEST_P(Hostile, LongRuleFilesAndFilesReplacedWhileLoginsGoOn) {
         }
         big += "last:-:sshd:*::\n";
         w.user_rules("alice", big);
-        w.default_rules(big);
         w.acl_file("user_session.conf", sessions + "x:alice:0::\n");
-        w.acl_file("ip_session.conf", sessions + "x:10.0.0.0/8:0::\n");
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_PERM_DENIED);
-        EXPECT_EQ(w.account("carol", from("10.0.0.5")).rc, PAM_PERM_DENIED);  // the default file
         EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SESSION_ERR);
-        EXPECT_EQ(w.open_session("carol", from("10.0.0.5")).rc, PAM_SESSION_ERR);  // the address file
         EXPECT_EQ(w.take_module_syslog(), Lines{});
-        EXPECT_EQ(w.take_audit().size(), 4u);
+        EXPECT_EQ(w.take_audit().size(), 2u);
 
-        ASSERT_EQ(unlink((std::string(World::kAclDir) + "/default.conf").c_str()), 0);
         w.check_with_mgctl = false;  // the files change between the login and any dry run
         // A second process rewrites the file in place (sometimes cut mid-line),
         // deletes it, puts it back, as fast as it can, until stopped.
@@ -159,16 +124,13 @@ TEST_P(Hostile, LongRuleFilesAndFilesReplacedWhileLoginsGoOn) {
         if (editor == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             for (unsigned i = 0;; ++i) {
-                if (i % 3 == 2) {
-                    unlink(kUserFile.c_str());
-                    continue;
-                }
+                if (i % 3 == 2 && unlink(kUserFile.c_str()) == 0) continue;
                 int fd = open(kUserFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
                 if (fd < 0 || write(fd, big.data(), i % 2 ? big.size() / 2 : big.size()) < 0) _exit(1);
                 close(fd);
             }
         }
-        for (int i = 0; i < 60; ++i) {
+        for (int i = 0; i < 40; ++i) {
             int rc = w.account("alice", from("10.0.0.5")).rc;
             EXPECT_TRUE(rc == PAM_SUCCESS || rc == PAM_PERM_DENIED) << rc;
         }
@@ -177,9 +139,6 @@ TEST_P(Hostile, LongRuleFilesAndFilesReplacedWhileLoginsGoOn) {
         // The only complaint possible is the cut last line.
         for (const auto &line : w.take_module_syslog())
             EXPECT_EQ(line.substr(0, line.find(": line ")), "<35>" + kUserFile) << line;
-
-        unlink(kUserFile.c_str());
-        EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_SUCCESS);
         w.user_rules("alice", "x:-:sshd:*::\n");
         EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_PERM_DENIED);
         w.clear_logs();
@@ -213,48 +172,39 @@ TEST_P(Hostile, ThousandsOfLoginsLeakNoMemoryDescriptorsOrTokenSlots) {
     in_world(GetParam(), [&](World &w) {
         // Every call goes through the user, group and default files and all four session counts.
         w.modes("on", "on");
-        w.user_rules("alice", "x:-:ftp:*::\n");
-        w.group_rules("staff", "x:-:ftp:*::\n");
-        w.group_rules("ops", "x:+:sshd:10.0.0.0/8::\n");
-        w.default_rules("x:-:*:*::\n");
-        for (auto [file, rule] : {std::pair{"user", "x:bob:1::\n"}, {"group", "x:ops:50::\n"}, {"ip", "x:10.0.0.0/8:50::\n"}})
-            w.acl_file(std::string(file) + "_session.conf", rule);
+        for (auto [file, rule] : {std::pair{"user/alice", "x:-:ftp:*::\n"}, {"group/staff", "x:-:ftp:*::\n"},
+                                  {"group/ops", "x:+:sshd:10.0.0.0/8::\n"}, {"default.conf", "x:-:*:*::\n"},
+                                  {"user_session.conf", "x:bob:1::\n"}, {"group_session.conf", "x:ops:50::\n"},
+                                  {"ip_session.conf", "x:10.0.0.0/8:50::\n"}})
+            w.acl_file(file, rule);
         w.sb.add_utmpx("alice", "pts/1", "10.0.0.7");
         // A long-lived service keeps the module loaded between transactions.
         void *module = dlopen(module_path(), RTLD_NOW);
         ASSERT_NE(module, nullptr) << dlerror();
         auto get_tokslot = reinterpret_cast<int (*)()>(dlsym(module, "get_tokslot"));
-        auto return_tokslot = reinterpret_cast<void (*)(int)>(dlsym(module, "return_tokslot"));
-        ASSERT_TRUE(get_tokslot && return_tokslot);
+        ASSERT_NE(get_tokslot, nullptr);
 
         for (int i = 0; i < 100; ++i) ASSERT_TRUE(login(w, "alice"));  // warm-up: caches, first-use buffers
         w.clear_logs();
         const int fds = open_descriptors();
         const size_t heap = mallinfo2().uordblks;
-
         // A leak shows in a few thousand logins; with the simulated kernel
         // (a state file rewrite per kernel call) fewer do.
-        const int logins = GetParam() == Kernel::absent ? 2000 : 500;
         mgsim_set_log(nullptr);
-        int failed = 0;
-        for (int i = 0; i < logins; ++i) {
-            if (!login(w, "alice")) ++failed;
+        for (int i = 0; i < (GetParam() == Kernel::absent ? 2000 : 500); ++i) {
+            ASSERT_TRUE(login(w, "alice"));
             if (i % 500 == 499) w.clear_logs();
         }
-        EXPECT_EQ(failed, 0);
         w.clear_logs();
-
         EXPECT_EQ(open_descriptors(), fds);
         const size_t grown = mallinfo2().uordblks - heap;
         EXPECT_LT(grown, 64u * 1024) << "heap in use grew by " << grown << " bytes";
         // Every token slot is free again: ten can be taken, not eleven.
         for (int slot = 0; slot < 10; ++slot) EXPECT_EQ(get_tokslot(), slot);
         EXPECT_EQ(get_tokslot(), -1);
-        for (int slot = 0; slot < 10; ++slot) return_tokslot(slot);
         if (__lsan_do_recoverable_leak_check != nullptr) {
             EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
         }
-        dlclose(module);
     });
 }
 

@@ -23,7 +23,6 @@ std::string opened_entry(const std::string &user, const std::string &rhost) {
 
 // The message part of a violation entry (before "::LOGIN(0)").
 std::string message_of(const std::string &entry) { return entry.substr(0, entry.find("::LOGIN(0):")); }
-
 class Sessions : public ::testing::TestWithParam<Kernel> {};
 
 TEST_P(Sessions, EachModeHandlesAnExceededUserLimit) {
@@ -68,8 +67,8 @@ TEST_P(Sessions, EachModeHandlesAnExceededUserLimit) {
         EXPECT_EQ(w.take_audit().at(0).message, opened_entry("alice", "localhost"));
         // Consoles and terminal-less sessions are not looked at.
         w.acl_file("user_session.conf", "x:alice:0::\n");
-        for (Items items : {from("10.0.0.5", "tty2"), Items{std::string("10.0.0.5"), std::nullopt, {}}})
-            EXPECT_EQ(w.open_session("alice", items).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.open_session("alice", from("10.0.0.5", "tty2")).rc, PAM_SUCCESS);
+        EXPECT_EQ(w.open_session("alice", {std::string("10.0.0.5"), std::nullopt, {}}).rc, PAM_SUCCESS);
         EXPECT_EQ(w.take_module_syslog(), Lines{});
     });
 }
@@ -83,7 +82,6 @@ TEST_P(Sessions, UserGroupDefaultAndAddressRulesApplyInOrder) {
         w.sb.add_utmpx("carol", "pts/4", "192.168.1.1");
         auto refused_by = [&](const char *user, const Items &items) -> std::string {
             EXPECT_EQ(w.open_session(user, items).rc, PAM_SESSION_ERR) << user;
-            EXPECT_EQ(w.take_module_syslog(), Lines{});
             auto audit = w.take_audit();
             return audit.size() == 1u ? entry_text(audit[0], kEventSession, 2) : "entries: " + std::to_string(audit.size());
         };
@@ -132,10 +130,8 @@ TEST_P(Sessions, SpecialLimitsAndFlags) {
             w.acl_file("user_session.conf", std::string(c.rule) + "\n");
             EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, c.rc);
             auto audit = w.take_audit();
-            if (c.message != nullptr) {
-                ASSERT_EQ(audit.size(), 1u);
-                EXPECT_EQ(message_of(audit[0].message), c.message);
-            }
+            EXPECT_TRUE(c.message == nullptr || (audit.size() == 1u && message_of(audit[0].message) == c.message))
+                << (audit.empty() ? "no entry" : audit[0].message);
         }
         w.acl_file("user_session.conf", "x::1::\n");
         EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SESSION_ERR);
@@ -149,16 +145,14 @@ TEST_P(Sessions, UnusableRemoteHostsFollowTheSessionMode) {
     in_world(GetParam(), [&](World &w) {
         const std::string bad = "invalid hostname or IP address is assigned (user=alice, hostname=ghost.invalid).";
         const std::string v6 = "'sshd' access is denied for user 'alice' from '2001:db8::7' - IPv6 address is not supported";
-        for (auto [mode, rc_bad, rc_v6] : {std::tuple{"nolog", PAM_SESSION_ERR, PAM_PERM_DENIED},
-                                           {"warn", PAM_SUCCESS, PAM_SUCCESS}, {"off", PAM_SUCCESS, PAM_SUCCESS}}) {
-            SCOPED_TRACE(mode);
+        for (auto [mode, host, rc, text] : {std::tuple{"nolog", "ghost.invalid", PAM_SESSION_ERR, &bad},
+                                            {"nolog", "2001:db8::7", PAM_PERM_DENIED, &v6}, {"warn", "ghost.invalid", PAM_SUCCESS, &bad},
+                                            {"warn", "2001:db8::7", PAM_SUCCESS, &v6}, {"off", "ghost.invalid", PAM_SUCCESS, nullptr},
+                                            {"off", "2001:db8::7", PAM_SUCCESS, nullptr}}) {
             w.modes("off", mode);
-            bool reported = std::string(mode) != "off";
-            for (auto [host, rc, text] : {std::tuple{"ghost.invalid", rc_bad, &bad}, {"2001:db8::7", rc_v6, &v6}}) {
-                Outcome out = w.open_session("alice", from(host));
-                EXPECT_EQ(out.rc, rc);
-                expect_reported(w, out, reported ? *text : "");
-            }
+            Outcome out = w.open_session("alice", from(host));
+            EXPECT_EQ(out.rc, rc) << mode << " " << host;
+            expect_reported(w, out, text ? *text : "");
             EXPECT_TRUE(w.take_audit().empty());
         }
     });
@@ -170,9 +164,7 @@ TEST_P(Sessions, ClosingIsLoggedOnlyAndOpeningNeedsAUser) {
         w.acl_file("user_session.conf", "x:alice:0::\n");  // closing is never refused
         EXPECT_EQ(w.close_session("alice", from("10.0.0.5", "/dev/pts/3")).rc, PAM_SUCCESS);
         EXPECT_EQ(w.take_module_syslog(), Lines{"<38>session closed for 'alice' from '10.0.0.5' with service 'sshd'"});
-        auto audit = w.take_audit();
-        ASSERT_EQ(audit.size(), 1u);
-        EXPECT_EQ(entry_text(audit[0], 0, 1),
+        EXPECT_EQ(entry_text(w.take_audit().at(0), 0, 1),
                   "Session closed for user 'alice' (from 10.0.0.5) on terminal '/dev/pts/3' with service 'sshd'");
         // Nothing at all for unknown accounts and terminal-less sessions.
         EXPECT_EQ(w.close_session("nosuchuser", from("10.0.0.5")).rc, PAM_SUCCESS);
