@@ -17,19 +17,37 @@ bool no_password(const char *pw) noexcept {
     return pw == nullptr || strcmp(pw, "*") == 0 || strcmp(pw, "!!") == 0 || strcmp(pw, "NP") == 0;
 }
 
+uint32_t name_hash(const char *s) noexcept {  // FNV-1a
+    uint32_t h = 2166136261u;
+    for (; *s != '\0'; ++s) h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+    return h;
+}
+
+// Fills slots, an open-addressed table of positions + 1 in entries by name
+// (0: free); the first entry of a name wins, as getpwnam and getspnam answer.
 template <class Entry>
-Entry *find_name(mg::HeapArray<Entry> &entries, const char *name) noexcept {
-    Entry *first = entries.data(), *last = first + entries.size();
-    Entry *it = std::lower_bound(first, last, name, [](const Entry &e, const char *key) {
-        return strcmp(e.name, key) < 0;
-    });
-    return it != last && strcmp(it->name, name) == 0 ? it : nullptr;
+bool index_names(const mg::HeapArray<Entry> &entries, mg::HeapArray<uint32_t> &slots) noexcept {
+    size_t cap = 16;
+    while (cap < 2 * entries.size()) cap *= 2;
+    if (!slots.reserve(cap)) return false;
+    for (size_t i = 0; i < cap; ++i) slots.push_back(0);
+    const size_t mask = cap - 1;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        size_t s = name_hash(entries[i].name) & mask;
+        while (slots[s] != 0 && strcmp(entries[slots[s] - 1].name, entries[i].name) != 0) s = (s + 1) & mask;
+        if (slots[s] == 0) slots[s] = static_cast<uint32_t>(i + 1);
+    }
+    return true;
 }
 
 template <class Entry>
-void sort_names(mg::HeapArray<Entry> &entries) noexcept {
-    sort_stable_by(entries.data(), entries.size(),
-                   [](const Entry &a, const Entry &b) { return strcmp(a.name, b.name) < 0; });
+const Entry *find_name(const mg::HeapArray<Entry> &entries, const mg::HeapArray<uint32_t> &slots,
+                       const char *name) noexcept {
+    if (slots.empty()) return nullptr;
+    const size_t mask = slots.size() - 1;
+    for (size_t s = name_hash(name) & mask; slots[s] != 0; s = (s + 1) & mask)
+        if (strcmp(entries[slots[s] - 1].name, name) == 0) return &entries[slots[s] - 1];
+    return nullptr;
 }
 
 }  // namespace
@@ -106,15 +124,14 @@ bool ShadowIndex::load() noexcept {
     for (struct spwd *sp; ok && (sp = getspent()) != nullptr;) {
         const char *name = arena_.copy(sp->sp_namp != nullptr ? sp->sp_namp : "");
         ShadowFacts f{true, no_password(sp->sp_pwdp), sp->sp_expire};
-        ok = name != nullptr && entries_.push_back({name, entries_.size(), f});
+        ok = name != nullptr && entries_.push_back({name, f});
     }
     endspent();
-    sort_names(entries_);
-    return ok;
+    return ok && index_names(entries_, slots_);
 }
 
 ShadowFacts ShadowIndex::find(const char *name) noexcept {
-    if (const Entry *e = find_name(entries_, name)) return e->facts;
+    if (const Entry *e = find_name(entries_, slots_, name)) return e->facts;
     struct spwd *sp = getspnam(name);
     if (sp == nullptr) return {};
     return {true, no_password(sp->sp_pwdp), sp->sp_expire};
@@ -129,15 +146,14 @@ bool PasswdIndex::load() noexcept {
         const char *name = arena_.copy(pw->pw_name != nullptr ? pw->pw_name : "");
         const char *home = arena_.copy(pw->pw_dir != nullptr ? pw->pw_dir : "");
         ok = name != nullptr && home != nullptr &&
-             entries_.push_back({name, entries_.size(), {true, pw->pw_uid, pw->pw_gid, home}});
+             entries_.push_back({name, {true, pw->pw_uid, pw->pw_gid, home}});
     }
     endpwent();
-    sort_names(entries_);
-    return ok;
+    return ok && index_names(entries_, slots_);
 }
 
 AccountFacts PasswdIndex::find(const char *name) noexcept {
-    if (const Entry *e = find_name(entries_, name)) return e->facts;
+    if (const Entry *e = find_name(entries_, slots_, name)) return e->facts;
     struct passwd *pw = getpwnam(name);
     if (pw == nullptr) return {};
     home_[0] = '\0';

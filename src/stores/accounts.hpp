@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include "common/heap_array.hpp"
 
@@ -65,11 +66,11 @@ public:
 private:
     struct Entry {
         const char *name;
-        size_t order;
         ShadowFacts facts;
     };
     Arena arena_;
-    mg::HeapArray<Entry> entries_;
+    mg::HeapArray<Entry> entries_;  // in enumeration order
+    mg::HeapArray<uint32_t> slots_;  // their positions by name
 };
 
 // Accounts by name (the first entry of a name wins, as getpwnam).
@@ -88,11 +89,11 @@ public:
 private:
     struct Entry {
         const char *name;
-        size_t order;
         AccountFacts facts;
     };
     Arena arena_;
-    mg::HeapArray<Entry> entries_;
+    mg::HeapArray<Entry> entries_;  // in enumeration order
+    mg::HeapArray<uint32_t> slots_;  // their positions by name
     char home_[1024] = {};
 };
 
