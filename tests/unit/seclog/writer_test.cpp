@@ -73,7 +73,6 @@ TEST_F(Writer, RotationStartsOnlyPastTheLimitPlusSlack) {
     fill_generations(5, 1000 + 2048 - line);
     save("m");
     EXPECT_EQ(1000u + 2048, gen(1).size());
-    EXPECT_EQ("gen5\n", gen(5));
     // One byte more: the write carries the file past it and the generations move.
     fill_generations(5, 1000 + 2048 - line + 1);
     save("m");
