@@ -4,27 +4,25 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
 
 #include "common/paths.hpp"
 #include "testsupport.hpp"
 
+#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())  // 0: it did not fail
 using mgtest::TempDir;
 using mgtest::write_file;
 
 namespace {
 
-class Conf : public ::testing::Test {
-protected:
+struct Conf : ::testing::Test {
     void TearDown() override {
         close_conf();
         mg::paths::override_for_tests(nullptr, nullptr, nullptr);
     }
     // Loads content as a configuration file; the result of read_conf.
     int load(const std::string &content) {
-        const std::string path = dir_ / "test.conf";
-        write_file(path, content);
-        return read_conf(path.c_str());
+        write_file(dir_ / "test.conf", content);
+        return read_conf((dir_ / "test.conf").c_str());
     }
     std::string value_of(const char *key) {
         char value[1024] = "junk";
@@ -83,9 +81,7 @@ TEST_F(Conf, InstallationRoot) {
     const std::string evmg = dir_ / "evmg";
     mg::paths::override_for_tests(evmg.c_str(), nullptr, nullptr);
     char root[1024];
-    errno = 0;
-    EXPECT_EQ(get_mgroot(root, sizeof root), -1);
-    EXPECT_EQ(errno, MG_ERR_NO_EVMG) << "no file";
+    EXPECT_EQ(MG_ERRNO_OF(get_mgroot(root, sizeof root)), MG_ERR_NO_EVMG) << "no file";
 
     write_file(evmg, "MG_ROOT=/opt/x/\n");
     ASSERT_EQ(get_mgroot(root, sizeof root), 0);
@@ -96,9 +92,7 @@ TEST_F(Conf, InstallationRoot) {
 
     for (const char *bad : {"MG_ROOT=/\n", "MG_ROOT\n", "OTHER=/x\n"}) {
         write_file(evmg, bad);
-        errno = 0;
-        EXPECT_EQ(get_mgroot(root, sizeof root), -1) << bad;
-        EXPECT_EQ(errno, MG_ERR_NO_MGROOT) << bad;
+        EXPECT_EQ(MG_ERRNO_OF(get_mgroot(root, sizeof root)), MG_ERR_NO_MGROOT) << bad;
     }
     EXPECT_EQ(get_mgroot(root, 0), -1);
 }

@@ -8,6 +8,7 @@
 
 #include "testsupport.hpp"
 
+#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())  // 0: it did not fail
 using mgtest::exists;
 using mgtest::file_mode;
 using mgtest::read_file;
@@ -22,20 +23,15 @@ TEST(Files, MkdirMakesParentsWithExactMode) {
     umask(old_mask);
     for (const char *level : {"x", "x/y", "x/y/z"}) EXPECT_EQ(file_mode(dir / level), 0751u) << level;
 
-    errno = 0;
-    EXPECT_EQ(mg_mkdir(z.c_str(), 0700), -1);
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(MG_ERRNO_OF(mg_mkdir(z.c_str(), 0700)), EEXIST);
     EXPECT_EQ(file_mode(z), 0751u) << "an existing directory keeps its mode";
     write_file(dir / "file", "");
-    EXPECT_EQ(mg_mkdir((dir / "file/sub").c_str(), 0700), -1);
-    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(MG_ERRNO_OF(mg_mkdir((dir / "file/sub").c_str(), 0700)), ENOTDIR);
 
     // A parent too long for the 1024-byte buffer is not made under a cut name.
     std::string path = dir.path();
     while (path.size() < 1100) path += "/" + std::string(50, 'd');
-    errno = 0;
-    EXPECT_EQ(mg_mkdir(path.c_str(), 0700), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(MG_ERRNO_OF(mg_mkdir(path.c_str(), 0700)), ENOENT);
     EXPECT_FALSE(exists(dir / std::string(50, 'd')));
 }
 
@@ -51,9 +47,7 @@ TEST(Files, CopyFile) {
     EXPECT_EQ(read_file(dir / "new"), data);
     EXPECT_EQ(file_mode(dir / "new"), 0644u);
 
-    errno = 0;
-    EXPECT_EQ(mg_copy_file(dir.path().c_str(), (dir / "fresh").c_str()), -1) << "a directory cannot be read";
-    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(MG_ERRNO_OF(mg_copy_file(dir.path().c_str(), (dir / "fresh").c_str())), EISDIR) << "a directory cannot be read";
     EXPECT_FALSE(exists(dir / "fresh")) << "a failed copy removes the destination";
 }
 

@@ -12,12 +12,12 @@
 
 #include "testsupport.hpp"
 
+#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())  // 0: it did not fail
 using mgtest::capture_stdout;
 
 TEST(ErrorReporting, MessagesAndLinesForEachKindOfCode) {
-    // A sample of the table (the tools' own tests see the others), and a code outside it.
+    // One message of the table (the tools' own tests see others), and a code outside it.
     const std::pair<int, const char *> table[] = {
-        {10002, "Error:The name should be all alphanumeric,'-','_','.'."},
         {10011, "Error:The Security Level is out of range."},
         {-5, "Error:The undefined error code -5."},
     };
@@ -44,11 +44,7 @@ TEST(ErrorReporting, MessagesAndLinesForEachKindOfCode) {
 
 TEST(Text, ValidatorsAndTrimming) {
     EXPECT_EQ(_isdigits("007"), 7);
-    for (const char *bad : {"12a", "-1", " 1"}) {
-        errno = 0;
-        EXPECT_EQ(_isdigits(bad), -1) << bad;
-        EXPECT_EQ(errno, MG_ERR_NOT_NUMERIC) << bad;
-    }
+    for (const char *bad : {"12a", "-1", " 1"}) EXPECT_EQ(MG_ERRNO_OF(_isdigits(bad)), MG_ERR_NOT_NUMERIC) << bad;
     EXPECT_EQ(isValidNumber(""), 0);
     EXPECT_EQ(_isascii("caf\xc3\xa9\t~ -."), 1) << "only the listed characters are refused";
     for (const char *bad : {"a&b", "a\nb", "a/b", "a:b", "a*b", "a?b", "a\"b", "a<b", "a>b", "a|b"}) {

@@ -4,12 +4,9 @@
 #include <mossgrove/seclog.h>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <map>
 #include <set>
-#include <string>
 
 #include "seclog_test_util.hpp"
 
@@ -25,30 +22,23 @@ TEST(SecureLogConcurrency, WritersInParallelLoseNoRecordAndRotateWithinTheLimit)
         mgtest::TempDir dir;
         reset_writer();
         ASSERT_EQ(0, InitSecureLog("MGLog", generation(dir.path(), 1).c_str(), kLimit, kGenerations, rotate));
-        int go[2];
+        int go[2], status = 0;
+        char c;
         ASSERT_EQ(0, pipe(go));
-        std::vector<pid_t> pids;
         for (int w = 0; w < kWriters; ++w) {
-            pid_t pid = fork();
-            if (pid == 0) {
-                char c;
-                close(go[1]);
-                if (read(go[0], &c, 1) != 0) _exit(2);  // released when the pipe closes
-                alarm(120);
-                for (int i = 0; i < kRecords; ++i) {
-                    SecureLogRecord rec = record(("w" + std::to_string(w) + " r" + std::to_string(i)).c_str());
-                    if (SaveSecureLog(MG_SECLOG_FILE, &rec) != 0) _exit(1);
-                }
-                _exit(0);
+            if (fork() != 0) continue;
+            close(go[1]);
+            if (read(go[0], &c, 1) != 0) _exit(2);  // released when the pipe closes
+            alarm(120);
+            for (int i = 0; i < kRecords; ++i) {
+                SecureLogRecord rec = record(("w" + std::to_string(w) + " r" + std::to_string(i)).c_str());
+                if (SaveSecureLog(MG_SECLOG_FILE, &rec) != 0) _exit(1);
             }
-            pids.push_back(pid);
+            _exit(0);
         }
         close(go[0]), close(go[1]);
-        for (pid_t pid : pids) {
-            int status = 0;
-            waitpid(pid, &status, 0);
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-        }
+        for (int w = 0; w < kWriters; ++w)
+            EXPECT_TRUE(wait(&status) > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
         reset_writer();
         // Oldest first: every line a whole record, each once and in order per writer.
         std::set<std::pair<int, int>> seen;

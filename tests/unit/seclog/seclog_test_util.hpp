@@ -26,10 +26,7 @@ inline void reset_writer() {
 }
 
 inline SecureLogRecord record(const char *message) {
-    SecureLogRecord rec{};
-    rec.nSource = 7, rec.nFlag = 0x2020001, rec.nLevel = 2, rec.tEvent = 1700000000;
-    snprintf(rec.szProgram, sizeof rec.szProgram, "PAM-ACL");
-    snprintf(rec.szAddress, sizeof rec.szAddress, "10.1.2.3");
+    SecureLogRecord rec{7, 0x2020001, 2, 0, 1700000000, "PAM-ACL", "10.1.2.3", ""};
     snprintf(rec.szMessage, sizeof rec.szMessage, "%s", message);
     return rec;
 }

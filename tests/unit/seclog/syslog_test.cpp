@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <string>
-
 #include "common/paths.hpp"
 #include "sandbox.hpp"
 #include "seclog_test_util.hpp"
@@ -73,7 +71,6 @@ MG_SANDBOX_TEST(SecureLogSyslog, OpenAndLockFailuresReportThenSendTheRecord) {
         ASSERT_EQ(2u, got.size());
         std::vector<std::string> f = split(got[0].text, '|');
         ASSERT_EQ(8u, f.size()) << got[0].text;
-        EXPECT_EQ(f[3], f[4]);
         EXPECT_EQ("7|1|4|" + f[3] + "|" + f[3] + "|PAM-ACL|10.1.2.3|" + failure, got[0].text);
         expect_from_writer(got[0]);
         expect_from_writer(got[1]);
@@ -88,9 +85,7 @@ MG_SANDBOX_TEST(SecureLogSyslog, OpenAndLockFailuresReportThenSendTheRecord) {
 MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
     reset_writer();
     const std::string root = sb.scratch() + "/root", log = sb.scratch() + "/log", evmg = sb.scratch() + "/evmg";
-    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
-    ASSERT_EQ(0, mkdir((root + "/conf").c_str(), 0755));
-    ASSERT_EQ(0, mkdir(log.c_str(), 0700));
+    ASSERT_FALSE(mkdir(root.c_str(), 0755) || mkdir((root + "/conf").c_str(), 0755) || mkdir(log.c_str(), 0700));
     mg::paths::override_for_tests(evmg.c_str(), nullptr, nullptr);
     mgtest::write_file(evmg, "MG_ROOT=" + root + "/\n");
     mgtest::write_file(root + "/conf/mgopt.conf", "SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\n");

@@ -5,10 +5,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "seclog_test_util.hpp"
 
@@ -16,8 +12,7 @@ using namespace seclogtest;
 
 namespace {
 
-class Writer : public ::testing::Test {
-protected:
+struct Writer : ::testing::Test {
     mgtest::TempDir dir;
     std::string current = generation(dir.path(), 1), lock_file = dir / "mglog.lock";
 
@@ -28,7 +23,7 @@ protected:
     }
     void save(const char *message) {
         SecureLogRecord rec = record(message);
-        ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec));
+        ASSERT_EQ(0, SaveSecureLog(MG_SECLOG_FILE, &rec)) << message;
     }
     std::string gen(int n) { return mgtest::read_file(generation(dir.path(), n)); }
     // Generations 1..count hold "gen<n>\n"; generation 1 is padded to `size` bytes.
@@ -78,7 +73,6 @@ TEST_F(Writer, RotationStartsOnlyPastTheLimitPlusSlack) {
     fill_generations(5, 1000 + 2048 - line);
     save("m");
     EXPECT_EQ(1000u + 2048, gen(1).size());
-    EXPECT_EQ("gen5\n", gen(5));
     // One byte more: the write carries the file past it and the generations move.
     fill_generations(5, 1000 + 2048 - line + 1);
     save("m");
@@ -138,18 +132,12 @@ TEST_F(Writer, WriterWaitsForTheLockHolderAndAKilledHoldersLockIsFree) {
     EXPECT_EQ(1u, lines_of(current).size());
 
     int ready[2];
+    char c;
     ASSERT_EQ(0, pipe(ready));
     pid_t holder = fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        if (GetFileLock(lock_file.c_str()) < 0 || write(ready[1], "x", 1) != 1) _exit(1);
-        pause();
-    }
-    char c;
+    if (holder == 0) _exit(GetFileLock(lock_file.c_str()) >= 0 && write(ready[1], "x", 1) == 1 ? pause() : 1);
     ASSERT_EQ(1, read(ready[0], &c, 1));
-    close(ready[0]), close(ready[1]);
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
+    kill(holder, SIGKILL), waitpid(holder, nullptr, 0), close(ready[0]), close(ready[1]);
     EXPECT_EQ(0, mgtest::run_in_child([&] { return alarm(10), GetFileLock(lock_file.c_str()) >= 0 ? 0 : 1; }));
 }
 

@@ -17,11 +17,15 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
+
+// errno of a call that must fail with -1 (0 when it did not fail).
+#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())
 
 namespace mgtest {
 
@@ -38,17 +42,14 @@ inline pid_t hold_in_child(const std::function<void()> &hold) {
         if (write(p[1], "h", 1) == 1) pause();
         _exit(0);
     }
-    close(p[1]);
     char c;
-    bool held = read(p[0], &c, 1) == 1;
+    close(p[1]);
+    const bool held = read(p[0], &c, 1) == 1;
     close(p[0]);
-    if (!held) waitpid(pid, nullptr, 0);
-    return held ? pid : -1;
+    return held ? pid : (waitpid(pid, nullptr, 0), -1);
 }
 inline void kill_child(pid_t pid) {
-    if (pid <= 0) return;
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
 }
 // In another process, op() must fail at once with EAGAIN (a busy store).
 inline bool busy(const std::function<int()> &op) {
@@ -81,8 +82,8 @@ inline void crash_points(const std::function<void()> &op, const std::function<vo
         reset();
         fflush(nullptr);
         pid_t pid = fork();
-        if (pid == 0) { op(); _exit(0); }
-        if (i > 0) usleep(static_cast<useconds_t>(dur * i / points));
+        if (pid == 0) op(), _exit(0);
+        usleep(static_cast<useconds_t>(dur * i / points));
         kill_child(pid);
         check(dur * i / points);
     }
@@ -122,8 +123,7 @@ public:
     }
     template <class T> static std::vector<T> kernel(int table) {
         std::vector<T> out(8192);
-        int n = mgsim_read_table(table, out.data(), static_cast<int>(out.size()));
-        out.resize(n < 0 ? 0 : static_cast<size_t>(n));
+        out.resize(static_cast<size_t>(std::max(mgsim_read_table(table, out.data(), 8192), 0)));
         return out;
     }
     template <class T> std::vector<T> stored(const std::string &file) { return records_of<T>(read_file(data(file))); }

@@ -6,8 +6,7 @@ namespace {
 
 using mgtest::read_file;
 
-class TransitionTest : public mgtest::LabelStoreTest {
-protected:
+struct TransitionTest : mgtest::LabelStoreTest {
     void SetUp() override { ASSERT_EQ(set_supath(), 1); }
     std::vector<MGSuEntry> store() { return stored<MGSuEntry>("su_file"); }
 };
@@ -20,12 +19,9 @@ TEST_F(TransitionTest, TwentyEntriesAtMost) {
     EXPECT_EQ(addsuent(&twentieth), 1);
     EXPECT_EQ(kernel<MGSuEntry>(MGSIM_T_SU).size(), 20u);
     const std::string full = read_file(data("su_file"));
-    errno = 0;
-    EXPECT_EQ(addsuent(&one_more), -1);
-    EXPECT_EQ(errno, MG_ERR_SU_FULL);
+    EXPECT_EQ(MG_ERRNO_OF(addsuent(&one_more)), MG_ERR_SU_FULL);
     EXPECT_EQ(read_file(data("su_file")), full);
-    EXPECT_EQ(addsuent(nullptr), -1);
-    EXPECT_EQ(errno, MG_ERR_SU_NORECORD);
+    EXPECT_EQ(MG_ERRNO_OF(addsuent(nullptr)), MG_ERR_SU_NORECORD);
 }
 
 TEST_F(TransitionTest, RewritesFollowTheirRules) {
@@ -45,9 +41,7 @@ TEST_F(TransitionTest, RewritesFollowTheirRules) {
     EXPECT_EQ(read_file(data(".su_file_bak")), read_file(data("su_file")));
 
     ASSERT_EQ(mgsim_set_fail("28:1"), 0);  // the kernel refuses the list
-    errno = 0;
-    EXPECT_EQ(delsuent(&mod), -1);
-    EXPECT_EQ(errno, MG_ERR_SU_REFUSED);
+    EXPECT_EQ(MG_ERRNO_OF(delsuent(&mod)), MG_ERR_SU_REFUSED);
     EXPECT_EQ(store().size(), 1u);
     ASSERT_EQ(mgsim_set_fail(""), 0);
     EXPECT_EQ(delsuall(), 1);
@@ -70,9 +64,7 @@ TEST_F(TransitionTest, LostStoreRecovery) {
     EXPECT_EQ(addsuent(&e), 1);
     EXPECT_EQ(store().size(), 1u) << "add recreates the store with the record alone";
     mgtest::write_file(data("su_file"), "1234567", 0444);
-    errno = 0;
-    EXPECT_EQ(loadsuent(), -1);
-    EXPECT_EQ(errno, MG_ERR_SU_EMPTY);
+    EXPECT_EQ(MG_ERRNO_OF(loadsuent()), MG_ERR_SU_EMPTY);
 }
 
 }  // namespace
