@@ -189,8 +189,11 @@ bool copy_fit(char *dst, size_t size, const char *src) noexcept {
     return true;
 }
 
-// Lookups made one by one before the database is indexed.
-constexpr int kDirectLookups = 16;
+// Lookups made one by one before the database is indexed. With local files
+// each is a scan of the whole file, as the indexing pass is, so past two
+// names the pass is the cheaper; a directory that does not enumerate still
+// answers every name it alone holds through getpwnam/getgrnam.
+constexpr int kDirectLookups = 2;
 
 bool NameIndex::lookup(const char *name, uint32_t *id) const noexcept {
     if (db_ == Db::Users) {
