@@ -901,7 +901,7 @@ int main(int argc, char **argv) {
 
     std::printf("stores_bench: policy stores at site scale (%s run)\n", quick ? "quick" : "full");
     std::printf("  root %s (disk), accounts in a private /etc, kernel module: constant-time stand-in\n", dir);
-    std::printf("  module_start: not on this branch yet; the loads it runs are measured one by one\n");
+    std::printf("  module_start: not measured yet; the loads it runs are measured one by one\n");
 
     std::printf("get_mls_user ...\n");
     bench_get_mls_user(sb, 2000, 500, false);

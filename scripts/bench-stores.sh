@@ -19,7 +19,7 @@ What is measured (the fastest of 5 calls, 3 at 100,000 records, after one untime
                       at 1,000 and 10,000 records (the kill ACL at 100 and 1,000: it holds 1,024)
   load_file_acl, load_kill_acl, load_rule_from_file, loadmuent
                       the same stores loaded into empty kernel tables (what a module
-                      start runs; module_start itself is not on this branch yet)
+                      start runs; module_start itself is not measured yet)
 Floors, measured in the same run:
   rewrite   read the store once and write it twice with fsync (store and backup)
   list      one getpwent pass plus one read of the kernel's MLS user list
