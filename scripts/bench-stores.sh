@@ -18,14 +18,15 @@ What is measured (the fastest of 5 calls, 3 at 100,000 records, after one untime
   dump_file_acl, dump_kill_acl, export_rule_to_file, dump_udb_file
                       at 1,000 and 10,000 records (the kill ACL at 100 and 1,000: it holds 1,024)
   load_file_acl, load_kill_acl, load_rule_from_file, loadmuent
-                      the same stores loaded into empty kernel tables (what a module
-                      start runs; module_start itself is not measured yet)
+                      the same stores loaded into empty kernel tables
+  module_start        every store at 10,000 records, every kernel table empty
 Floors, measured in the same run:
   rewrite   read the store once and write it twice with fsync (store and backup)
   list      one getpwent pass plus one read of the kernel's MLS user list
   gateway   the gateway calls themselves plus the rules' account look-ups
   read+gateway  (loads) the store read once plus the kernel share of the same call
   pass+rewrite  (loadmuent) one getpwent pass plus the rewrite floor
+  loads     (module_start) the floors of the four loads it runs
 The kernel module is a constant-time stand-in inside the program; its share
 is the "kernel ms" column. Targets: within 3x the floor at 10,000 records;
 1,000 -> 10,000 records at most 15x the time; peak resident memory of a call
