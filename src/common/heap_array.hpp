@@ -56,8 +56,10 @@ public:
     bool push_back(const T &item) noexcept { return append(&item, 1); }
     // A new zeroed element at the end, to fill in place; nullptr when out of memory.
     T *push_zeroed() noexcept {
-        T zero{};
-        return push_back(zero) ? &data_[size_ - 1] : nullptr;
+        if (size_ == cap_ && !reserve(2 * cap_ + 8)) return nullptr;
+        T *slot = &data_[size_++];
+        memset(static_cast<void *>(slot), 0, sizeof(T));
+        return slot;
     }
     void clear() noexcept { size_ = 0; }
 

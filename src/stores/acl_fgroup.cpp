@@ -6,6 +6,7 @@
 #include <mossgrove/rules.h>
 #include <mossgrove/stores.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -99,13 +100,18 @@ int read_fgroup_record(FILE *stream, fgrouphdr *hdr, rulentry **entries, mpath *
     hdr->member_cnt = numbers[1];
     hdr->mode = numbers[2];
     hdr->polgrp_id = numbers[3];
+    // Room for the stated counts up front, within the table's limits, so that
+    // a count in the file never makes an allocation larger than that.
     mg::HeapArray<rulentry> rules;
+    mg::HeapArray<mpath> paths;
+    if (!rules.reserve(static_cast<size_t>(std::clamp(hdr->rule_cnt, 0, MG_RULES_MAX))) ||
+        !paths.reserve(static_cast<size_t>(std::clamp(hdr->member_cnt, 0, MG_MEMBERS_MAX))))
+        return -1;
     for (int i = 0; i < hdr->rule_cnt; ++i) {
         rulentry *e = rules.push_zeroed();
         if (e == nullptr) return -1;
         if (read_rulentry(stream, e) != 0) return set_errno(MG_ERR_RULE_FORMAT);
     }
-    mg::HeapArray<mpath> paths;
     for (int i = 0; i < hdr->member_cnt; ++i) {
         mpath *m = paths.push_zeroed();
         if (m == nullptr) return -1;
