@@ -71,6 +71,11 @@ struct FaclEntry {
     faclhdr hdr;
     std::vector<rulentry> rules;
 };
+struct FgroupEntry {
+    fgrouphdr hdr;
+    std::vector<rulentry> rules;
+    std::vector<mpath> members;
+};
 struct AlsvcEntry {
     alsvc_hdr hdr;
     std::vector<alsvc_rule> rules;
@@ -86,6 +91,9 @@ struct Kernel {
     std::unordered_map<std::string, size_t> facl_at;
     std::vector<kaclent> kacl;
     std::unordered_map<std::string, size_t> kacl_at;
+    std::vector<FgroupEntry> fgroups;  // group n at index n - 1
+    std::vector<suidaclent> suid;
+    std::unordered_map<std::string, size_t> suid_at;
     std::vector<AlsvcEntry> alsvc;  // table 0 (user rules) only
     std::unordered_map<int, size_t> alsvc_at;
     int status = MG_STATUS_RUNNING;
@@ -104,12 +112,13 @@ struct Kernel {
     }
     void clear_kacl() { kacl.clear(), kacl_at.clear(); }
     void clear_alsvc() { alsvc.clear(), alsvc_at.clear(); }
+    void clear_suid() { suid.clear(), suid_at.clear(); }
     long fail(int e) {
         errno = e;
         return -1;
     }
 
-    long answer(long sub, long ptr, long arg2, long len) {
+    long answer(long sub, long ptr, long arg2, long len, long flag) {
         void *p = reinterpret_cast<void *>(ptr);
         switch (sub) {
             case 0:  // start
@@ -156,6 +165,32 @@ struct Kernel {
                 return 0;
             }
             case 36: clear_facl(); return 0;
+            case 37: {  // a group is created afresh: the kernel numbers it
+                auto *h = static_cast<const fgrouphdr *>(p);
+                FgroupEntry e{*h, {}, {}};
+                e.hdr.fgroup_id = static_cast<int32_t>(fgroups.size() + 1);
+                auto *r = reinterpret_cast<const rulentry *>(arg2);
+                auto *m = reinterpret_cast<const mpath *>(flag);
+                if (h->rule_cnt > 0) e.rules.assign(r, r + h->rule_cnt);
+                if (h->member_cnt > 0) e.members.assign(m, m + h->member_cnt);
+                fgroups.push_back(std::move(e));
+                return static_cast<long>(fgroups.size());
+            }
+            case 39: return static_cast<long>(fgroups.size());
+            case 40: {
+                size_t n = std::min(fgroups.size(), static_cast<size_t>(std::max(len, 0L)));
+                for (size_t i = 0; i < n; ++i) static_cast<fgrouphdr *>(p)[i] = fgroups[i].hdr;
+                return static_cast<long>(n);
+            }
+            case 42: {
+                auto *h = static_cast<const fgrouphdr *>(p);
+                if (h->fgroup_id < 1 || static_cast<size_t>(h->fgroup_id) > fgroups.size()) return fail(ENOENT);
+                const FgroupEntry &e = fgroups[static_cast<size_t>(h->fgroup_id) - 1];
+                if (!e.rules.empty()) memcpy(reinterpret_cast<void *>(arg2), e.rules.data(), e.rules.size() * sizeof(rulentry));
+                if (!e.members.empty()) memcpy(reinterpret_cast<void *>(flag), e.members.data(), e.members.size() * sizeof(mpath));
+                return 0;
+            }
+            case 43: fgroups.clear(); return 0;
             case 44: {
                 auto *k = static_cast<const kaclent *>(p);
                 if (kacl_at.count(k->path)) return fail(EEXIST);
@@ -170,6 +205,20 @@ struct Kernel {
                 return static_cast<long>(n);
             }
             case 49: clear_kacl(); return 0;
+            case 50: {
+                auto *e = static_cast<const suidaclent *>(p);
+                if (suid_at.count(e->path)) return fail(EEXIST);
+                suid_at[e->path] = suid.size();
+                suid.push_back(*e);
+                return 0;
+            }
+            case 53: return static_cast<long>(suid.size());
+            case 54: {
+                size_t n = std::min(suid.size(), static_cast<size_t>(std::max(len, 0L)));
+                memcpy(p, suid.data(), n * sizeof(suidaclent));
+                return static_cast<long>(n);
+            }
+            case 55: clear_suid(); return 0;
             case 65: {
                 auto it = alsvc_at.find(static_cast<int>(len));
                 return it == alsvc_at.end() ? 0 : static_cast<long>(alsvc[it->second].rules.size());
@@ -228,7 +277,7 @@ extern "C" long syscall(long nr, ...) noexcept {
     const bool probe = nr == SYS_kill && a[0] == MG_PROBE_PID && a[1] == MG_PROBE_SIG;
     if (nr != MG_SYSCALL_NR && !probe) return g_next_syscall(nr, a[0], a[1], a[2], a[3], a[4], 0L);
     auto t0 = Clock::now();
-    long r = probe ? 0 : g_kernel.answer(a[0], a[1], a[2], a[3]);
+    long r = probe ? 0 : g_kernel.answer(a[0], a[1], a[2], a[3], a[4]);
     int saved = errno;
     g_kernel.ms += ms_since(t0);
     ++g_kernel.calls;
@@ -650,6 +699,40 @@ void bench_dumps(mgtest::Sandbox &sb, int n, bool target) {
         if (dump_kill_acl() != 0) std::printf("  dump_kill_acl failed: errno %d\n", errno);
     });
 
+    // File groups: n / 20 groups (at most 512) of 2 rules for everyone and
+    // 18 members, n records in all.
+    g_kernel.fgroups.clear();
+    for (int g = 0; g < n / 20; ++g) {
+        FgroupEntry e{};
+        e.hdr.fgroup_id = g + 1;
+        snprintf(e.hdr.name, sizeof e.hdr.name, "group%04d", g);
+        e.hdr.rule_cnt = 2;
+        e.hdr.member_cnt = 18;
+        for (int j = 0; j < 2; ++j) e.rules.push_back(rule(0, j));
+        for (int j = 0; j < 18; ++j) {
+            mpath m{};
+            snprintf(m.path, sizeof m.path, "/srv/groups/g%04d/member%02d", g, j);
+            e.members.push_back(m);
+        }
+        g_kernel.fgroups.push_back(e);
+    }
+    record("dump_fgroup", data_path("acl_fgroup"), n, [] {
+        if (dump_fgroup() != 0) std::printf("  dump_fgroup failed: errno %d\n", errno);
+    });
+
+    // The setuid ACL holds at most 1,024 entries, as the kill ACL.
+    g_kernel.clear_suid();
+    for (int i = 0; i < kills; ++i) {
+        suidaclent e{};
+        e.flag = i % 2;
+        snprintf(e.path, sizeof e.path, "/usr/local/bin/tool%05d", i);
+        g_kernel.suid_at[e.path] = g_kernel.suid.size();
+        g_kernel.suid.push_back(e);
+    }
+    record("dump_setuid_acl", data_path("acl_setuid"), kills, [] {
+        if (dump_setuid_acl() != 0) std::printf("  dump_setuid_acl failed: errno %d\n", errno);
+    });
+
     // n service rules: n / 10 user headers of 10 rules.
     g_kernel.clear_alsvc();
     for (int h = 0; h < n / 10; ++h) {
@@ -747,6 +830,12 @@ void bench_loads(mgtest::Sandbox &sb, int n, bool target) {
     record("load_kill_acl", data_path("acl_kill"), n / 10, [] { g_kernel.clear_kacl(); }, [] {
         if (load_kill_acl() != 0) std::printf("  load_kill_acl failed: errno %d\n", errno);
     });
+    record("load_fgroup", data_path("acl_fgroup"), n, [] { g_kernel.fgroups.clear(); }, [] {
+        if (load_fgroup() != 0) std::printf("  load_fgroup failed: errno %d\n", errno);
+    });
+    record("load_setuid_acl", data_path("acl_setuid"), n / 10, [] { g_kernel.clear_suid(); }, [] {
+        if (load_setuid_acl() != 0) std::printf("  load_setuid_acl failed: errno %d\n", errno);
+    });
     record("load_rule_from_file", data_path("alsvc_user"), n, [] { g_kernel.clear_alsvc(); }, [] {
         if (load_rule_from_file(0) != 0) std::printf("  load_rule_from_file failed: errno %d\n", errno);
     });
@@ -773,9 +862,10 @@ void bench_loads(mgtest::Sandbox &sb, int n, bool target) {
 
 // module_start with the stores bench_loads left on disk (n records each) and
 // every kernel table empty. The stand-in holds the MLS users, the file ACL,
-// the kill ACL and the user service rules; it reports the categories loaded
-// and does not answer the other tables a start fills, so those are skipped
-// as on a kernel that refuses them. Floor: the floors of the loads it runs.
+// the file groups, the kill and setuid ACL and the user service rules; it
+// reports the categories loaded and does not answer the other tables a start
+// fills, so those are skipped as on a kernel that refuses them. Floor: the
+// floors of the loads it runs.
 void bench_module_start(int n) {
     const long unknown = g_kernel.unknown;
     g_kernel.categories = 2;
@@ -784,18 +874,22 @@ void bench_module_start(int n) {
         g_kernel.clear_facl();
         g_kernel.clear_kacl();
         g_kernel.clear_alsvc();
+        g_kernel.fgroups.clear();
+        g_kernel.clear_suid();
         g_kernel.status = MG_STATUS_STOPPED;
     }, [] {
         MGModuleInfo block{};
         if (module_start(&block) != 0) std::printf("  module_start failed: errno %d\n", errno);
-        if (g_kernel.mu.empty() || g_kernel.facl_n == 0 || g_kernel.kacl.empty() || g_kernel.alsvc.empty())
+        if (g_kernel.mu.empty() || g_kernel.facl_n == 0 || g_kernel.kacl.empty() || g_kernel.alsvc.empty() ||
+            g_kernel.fgroups.empty() || g_kernel.suid.empty())
             std::printf("  module_start left a table empty\n");
     });
     g_kernel.categories = 0;
     g_kernel.status = MG_STATUS_RUNNING;
     g_kernel.unknown = unknown;
     f.floor_kind = "loads";
-    for (const char *op : {"  load_file_acl, no named rules", "load_kill_acl", "load_rule_from_file", "loadmuent"})
+    for (const char *op : {"  load_file_acl, no named rules", "load_fgroup", "load_setuid_acl", "load_kill_acl",
+                           "load_rule_from_file", "loadmuent"})
         for (auto it = g_figures.rbegin(); it != g_figures.rend(); ++it)
             if (it->op == op) {
                 f.floor_ms += it->floor_ms;
@@ -859,7 +953,7 @@ int main(int argc, char **argv) {
             std::fprintf(stderr,
                          "usage: stores_bench [--quick]\n"
                          "       stores_bench --profile get_mls_user|add_mls_user|loads|load_rule_from_file|"
-                         "load_file_acl\n");
+                         "load_file_acl|load_fgroup\n");
             return 2;
         }
     }
@@ -925,6 +1019,12 @@ int main(int argc, char **argv) {
                 std::sort(t[named].begin(), t[named].end());
                 std::printf("load_file_acl, 10,000 rules, %s: fastest %.3f ms, median %.3f ms\n",
                             named ? "named" : "no named", t[named].front(), t[named][t[named].size() / 2]);
+            }
+        } else if (profile == "load_fgroup") {
+            bench_dumps(sb, 10000, true);
+            for (int i = 0; i < 1000; ++i) {
+                g_kernel.fgroups.clear();
+                load_fgroup();
             }
         } else if (profile == "loads") {
             bench_dumps(sb, 10000, true);
