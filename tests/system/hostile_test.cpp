@@ -92,18 +92,13 @@ MG_WORLD_TEST(Hostile, LinesAroundTheBufferSizeAreReadAsFgetsWouldReadThem) {
 
 MG_WORLD_TEST(Hostile, LongRuleFilesAndFilesReplacedWhileLoginsGoOn) {
     w.modes("on", "on");
-    std::string big, sessions;
-    for (int i = 0; i < 5000; ++i) {
-        big += "u" + std::to_string(i) + ":-:ftp:10.0.0.0/8::\n";
-        sessions += "x:user" + std::to_string(i) + ":1::\n";
-    }
+    std::string big;
+    for (int i = 0; i < 5000; ++i) big += "u" + std::to_string(i) + ":-:ftp:10.0.0.0/8::\n";
     big += "last:-:sshd:*::\n";
     w.user_rules("alice", big);
-    w.acl_file("user_session.conf", sessions + "x:alice:0::\n");
     EXPECT_EQ(w.account("alice", from("10.0.0.5")).rc, PAM_PERM_DENIED);
-    EXPECT_EQ(w.open_session("alice", from("10.0.0.5")).rc, PAM_SESSION_ERR);
     EXPECT_EQ(w.take_module_syslog(), Lines{});
-    EXPECT_EQ(w.take_audit().size(), 2u);
+    EXPECT_EQ(w.take_audit().size(), 1u);
 
     w.check_with_mgctl = false;  // the files change between the login and any dry run
     // A second process rewrites the file in place (sometimes cut mid-line),
