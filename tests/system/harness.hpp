@@ -90,6 +90,18 @@ inline std::string kernel_name(const ::testing::TestParamInfo<Kernel> &info) {
 // (simulated, running, calls logged) or absent.
 void in_world(Kernel kernel, const std::function<void(World &)> &body);
 
+// A suite of world tests run once per kernel given; each MG_WORLD_TEST body runs
+// in_world with `World &w` and `Kernel kernel`.
+#define MG_WORLD_SUITE(suite, ...)                                    \
+    class suite : public ::testing::TestWithParam<Kernel> {};         \
+    INSTANTIATE_TEST_SUITE_P(System, suite, ::testing::Values(__VA_ARGS__), kernel_name)
+#define MG_WORLD_TEST(suite, name)                                                        \
+    static void suite##_##name##_body(World &w, Kernel kernel);                           \
+    TEST_P(suite, name) {                                                                 \
+        in_world(GetParam(), [&](World &w) { suite##_##name##_body(w, GetParam()); });   \
+    }                                                                                     \
+    static void suite##_##name##_body([[maybe_unused]] World &w, [[maybe_unused]] Kernel kernel)
+
 inline constexpr const char *kLocalAddress = mgtest::Sandbox::kHostAddress;
 inline constexpr int kEventAccess = 0x2020001;
 inline constexpr int kEventSession = 0x2020002;

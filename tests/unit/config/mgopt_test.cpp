@@ -11,7 +11,6 @@
 
 #include <cstring>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "mgsim.h"
@@ -40,43 +39,23 @@ protected:
 const MGOptionBuf kValid{"/var/log/mg", "/var/backup/mg", 50, 7, 'N', 'X', 'Y', 120, 3, 'N', 'Y',
                          "mail.example.org", "ops@example.org", 'Y', 40, 'N', 'N', "", ""};
 
-TEST_F(OptionFile, RequiredKeysAloneGiveEveryDefault) {
+TEST_F(OptionFile, DefaultsRangesAndLopsidedFlags) {
     ASSERT_EQ(0, read(kRequired));
     EXPECT_STREQ("/var/log/x", opt.SecureLogDir);
-    EXPECT_EQ(std::make_tuple(100, 10, 60, 5, 100), std::make_tuple(opt.SecureLogSize, opt.SecureLogFileCount,
-                                                                  opt.PV_Time, opt.PV_Count, opt.CurrentFileRate));
+    EXPECT_EQ(std::vector<long>({100, 10, 60, 5, 100}), std::vector<long>({opt.SecureLogSize, opt.SecureLogFileCount,
+                                                                          opt.PV_Time, opt.PV_Count, opt.CurrentFileRate}));
     for (const char *text : {opt.SecureLogBakDir, opt.MailServer, opt.MailAddress, opt.SmsServer, opt.SmsTel})
         EXPECT_STREQ("", text);
     EXPECT_EQ(std::string("YXYYYNYN"), std::string({opt.AuditTrailAlert, opt.ModulePending, opt.PV_Enable,
                                                     opt.PV_ProcessKill, opt.MailEnable, opt.ClearAllLog,
                                                     opt.BackupAndClear, opt.SmsEnable}));
-}
-
-TEST_F(OptionFile, UnusableRequiredValuesFailTheRead) {
-    const char *bad[] = {
-        // SecureLogDir missing, relative, or only "/" (empty once the slash goes).
-        "SecureLogSize 10\nSecureLogFileCount 3\n",
-        "SecureLogDir var/log\nSecureLogSize 10\nSecureLogFileCount 3\n",
-        "SecureLogDir /\nSecureLogSize 10\nSecureLogFileCount 3\n",
-        "SecureLogDir /l\nSecureLogBakDir backup/\nSecureLogSize 10\nSecureLogFileCount 3\n",
-        // Numbers missing, out of range, signed or past 32 bits.
-        "SecureLogDir /l\nSecureLogFileCount 3\n",
-        "SecureLogDir /l\nSecureLogSize 0\nSecureLogFileCount 3\n",
-        "SecureLogDir /l\nSecureLogSize 101\nSecureLogFileCount 3\n",
-        "SecureLogDir /l\nSecureLogSize 4294967306\nSecureLogFileCount 3\n",
-        "SecureLogDir /l\nSecureLogSize 10\nSecureLogFileCount 11\n",
-    };
-    for (const char *text : bad) EXPECT_EQ(-1, read(text)) << text;
-}
-
-TEST_F(OptionFile, OptionalValuesOutOfRangeTakeTheirDefaultsAndFlagsAreLopsided) {
-    // The required keys and one more line, and the value that line gives one number or flag.
+    // One more line, and the value it gives one number or flag: out of range takes the default;
+    // yes/no keys move only on the exact opposite of their default.
     const struct { const char *line; int32_t MGOptionBuf::*num; char MGOptionBuf::*flag; long expect; } cases[] = {
         {"PV_Count 1", &MGOptionBuf::PV_Count, nullptr, 5}, {"PV_Count 20", &MGOptionBuf::PV_Count, nullptr, 20},
         {"PV_Time 4294967306", &MGOptionBuf::PV_Time, nullptr, 60},
         {"PV_Time 2147483647", &MGOptionBuf::PV_Time, nullptr, 2147483647},
         {"CurrentFileRate 5%", &MGOptionBuf::CurrentFileRate, nullptr, 100},
-        // Yes/no keys move only on the exact opposite of their default.
         {"MailEnable no", nullptr, &MGOptionBuf::MailEnable, 'Y'}, {"MailEnable n", nullptr, &MGOptionBuf::MailEnable, 'N'},
         {"ClearAllLog yes", nullptr, &MGOptionBuf::ClearAllLog, 'N'}, {"ClearAllLog y", nullptr, &MGOptionBuf::ClearAllLog, 'Y'},
     };
@@ -88,6 +67,16 @@ TEST_F(OptionFile, OptionalValuesOutOfRangeTakeTheirDefaultsAndFlagsAreLopsided)
     ASSERT_EQ(0, read(kRequired + "MailServer " + server + "\nSmsTel " + address + "\n"));
     EXPECT_EQ(server.substr(0, 31), opt.MailServer) << "cut to the buffer";
     EXPECT_EQ(address.substr(0, 255), opt.SmsTel);
+    // Unusable required values: SecureLogDir missing, relative or only "/"; numbers missing,
+    // out of range or past 32 bits.
+    for (const char *text : {"SecureLogSize 10\nSecureLogFileCount 3\n", "SecureLogDir var/log\nSecureLogSize 10\nSecureLogFileCount 3\n",
+                             "SecureLogDir /\nSecureLogSize 10\nSecureLogFileCount 3\n",
+                             "SecureLogDir /l\nSecureLogBakDir backup/\nSecureLogSize 10\nSecureLogFileCount 3\n",
+                             "SecureLogDir /l\nSecureLogFileCount 3\n", "SecureLogDir /l\nSecureLogSize 0\nSecureLogFileCount 3\n",
+                             "SecureLogDir /l\nSecureLogSize 101\nSecureLogFileCount 3\n",
+                             "SecureLogDir /l\nSecureLogSize 4294967306\nSecureLogFileCount 3\n",
+                             "SecureLogDir /l\nSecureLogSize 10\nSecureLogFileCount 11\n"})
+        EXPECT_EQ(-1, read(text)) << text;
 }
 
 TEST(OptionCheck, EveryRuleRefusesItsOwnViolation) {
@@ -116,7 +105,7 @@ TEST(OptionCheck, EveryRuleRefusesItsOwnViolation) {
     }
 }
 
-TEST_F(OptionFile, WriteProducesTheExactLayout) {
+TEST_F(OptionFile, WriteProducesTheExactLayoutOrLeavesTheOldFile) {
     ASSERT_EQ(0, WriteMGOptionConfig(path.c_str(), &kValid));
     EXPECT_EQ("SecureLogDir\t/var/log/mg\nSecureLogBakDir\t/var/backup/mg\nSecureLogSize\t50\n"
               "SecureLogFileCount\t7\n\n"
@@ -126,11 +115,9 @@ TEST_F(OptionFile, WriteProducesTheExactLayout) {
               "ClearAllLog\tY\nCurrentFileRate\t40\nBackupAndClear\tN\n\n"
               "SmsEnable\tN\nSmsServer\t\nSmsTel\t\n",
               mgtest::read_file(path));
-    EXPECT_FALSE(mgtest::exists(path + ".tmp"));
-}
-
-TEST_F(OptionFile, RefusedOrFailedWritesLeaveTheOldFile) {
+    // Refused or failed writes leave the old file and no temporary one.
     const std::string old = "old contents\n", tmp = path + ".tmp";
+    EXPECT_FALSE(mgtest::exists(tmp));
     mgtest::write_file(path, old);
     MGOptionBuf o = kValid;
     o.MailServer[0] = '\0';

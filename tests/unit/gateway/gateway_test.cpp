@@ -1,6 +1,5 @@
-// The system-call gateway against the simulated kernel: the exact call each
-// argument layout makes, the checks made before the kernel is reached, label
-// packing, list reads and the error-number convention of 26 and 28.
+// The system-call gateway against the simulated kernel: the call each argument layout
+// makes, checks before the kernel, labels, list reads, the error numbers of 26 and 28.
 #include <mossgrove/kernel.h>
 
 #include "kernel/gateway.hpp"
@@ -104,16 +103,13 @@ TEST_F(Gateway, ArgumentChecksComeBeforeTheKernel) {
     EXPECT_EQ(0u, calls().size());
 }
 
-TEST_F(Gateway, LabelsPackAndUnpack) {
-    // Bits outside the three fields are dropped on the way in.
+TEST_F(Gateway, LabelsListReadsAndErrorNumberResults) {
+    // Label bits outside the three fields are dropped on the way in.
     ASSERT_EQ(0, _sys_setmp(4101, static_cast<int>(0xFFFF0000u) | MG_PLABEL(5, 3, 100)));
     EXPECT_EQ(MG_PLABEL(5, 3, 100), mgsim_get_proc_label(4101, nullptr, nullptr, nullptr));
     EXPECT_EQ(MG_PLABEL(5, 3, 100), _sys_getmp(4101));
     ASSERT_EQ(0, _sys_setmf(path_.c_str(), MG_FLABEL(3, 0, 7, 1)));
     EXPECT_EQ(MG_FLABEL(3, 0, 7, 1), _sys_getmf(path_.c_str()));
-}
-
-TEST_F(Gateway, ListReadsAndErrorNumberResults) {
     unsigned char users[3][1324] = {};
     ASSERT_EQ(0, _sys_setmu(users, 3));
     int n = 10;

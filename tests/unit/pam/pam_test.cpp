@@ -90,18 +90,15 @@ MG_SANDBOX_TEST(Sessions, CountingFromUtmpx) {
     const std::string utmp = mgtest::Sandbox::kUtmpx;
     mg::paths::override_for_tests(nullptr, dir.path().c_str(), utmp.c_str());
     sb.clear_utmpx();
-    auto add = [&](const char *user, const std::string &line, const char *host, short type = USER_PROCESS) {
-        sb.add_utmpx(user, line, host, type);
-    };
-    add("alice", "pts/1", "10.0.0.1");
-    add("alice", "tty2", "");
-    add("alice", "pts/9", "10.0.0.1");  // the request's own terminal
-    add("alice", "pts/4", "", DEAD_PROCESS);
-    add("alicex", "pts/5", "");
-    add("b", "pts/2", "10.0.0.2:0");        // display suffix cut
-    add("c", "pts/3", "::ffff:0:10.0.0.3");  // the accepted IPv6 form
-    add("d", "pts/7", "::ffff:10.0.0.4");    // any other IPv6: skipped
-    for (int i = 0; i < 400; ++i) add("bob", "pts/" + std::to_string(100 + i), "127.0.0.1");  // several blocks
+    sb.add_utmpx("alice", "pts/1", "10.0.0.1");
+    sb.add_utmpx("alice", "tty2", "");
+    sb.add_utmpx("alice", "pts/9", "10.0.0.1");  // the request's own terminal
+    sb.add_utmpx("alice", "pts/4", "", DEAD_PROCESS);
+    sb.add_utmpx("alicex", "pts/5", "");
+    sb.add_utmpx("b", "pts/2", "10.0.0.2:0");        // display suffix cut
+    sb.add_utmpx("c", "pts/3", "::ffff:0:10.0.0.3");  // the accepted IPv6 form
+    sb.add_utmpx("d", "pts/7", "::ffff:10.0.0.4");    // any other IPv6: skipped
+    for (int i = 0; i < 400; ++i) sb.add_utmpx("bob", "pts/" + std::to_string(100 + i), "127.0.0.1");  // several blocks
     EXPECT_EQ(2, count_user_sessions("alice", "pts/9", false));
     EXPECT_EQ(1, count_user_sessions("alice", "pts/9", true));
     EXPECT_EQ(3, count_address_sessions(ntohl(inet_addr("10.0.0.0")), ntohl(inet_addr("10.255.255.255")), "pts/9"));

@@ -40,13 +40,7 @@ TEST(RuleEntry, PathsPermissionsAndLines) {
         fclose(in);
         ASSERT_EQ(r, c.back ? 0 : -1) << c.line;
         if (r != 0) continue;
-        char *buf = nullptr;
-        size_t len = 0;
-        FILE *out = open_memstream(&buf, &len);
-        write_rulentry(out, &e);
-        fclose(out);
-        EXPECT_EQ(std::string(buf, len), c.back);
-        free(buf);
+        EXPECT_EQ(mgtest::capture_stdout([&] { write_rulentry(stdout, &e); }), c.back);
         EXPECT_EQ(e.in_use, 1);
         EXPECT_EQ(e.reserved, 0);
     }

@@ -78,17 +78,12 @@ TEST_F(KillSetuid, FinderListsSetIdRegularFilesDepthFirst) {
     const std::string top = dir / "tree";
     ASSERT_EQ(mkdir(top.c_str(), 0755), 0);
     ASSERT_EQ(mkdir((top + "/sub").c_str(), 0755), 0);
-    for (const char *name : {"/plain", "/sub/suid", "/sgid"}) mgtest::write_file(top + name, "x");
-    ASSERT_EQ(chmod((top + "/sub/suid").c_str(), 04755), 0);
-    ASSERT_EQ(chmod((top + "/sgid").c_str(), 02755), 0);
+    for (auto [name, mode] : {std::pair{"/plain", 0755}, {"/sub/suid", 04755}, {"/sgid", 02755}})
+        mgtest::write_file(top + name, "x", static_cast<mode_t>(mode));
     ASSERT_EQ(symlink((top + "/sgid").c_str(), (top + "/link").c_str()), 0);
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *out = open_memstream(&buf, &len);
-    EXPECT_EQ(find_setuid_pgm((top + "/").c_str(), out), 0);
-    fclose(out);
-    const std::string found(buf, len);
-    free(buf);
+    const std::string found = mgtest::capture_stdout([&] {
+        if (find_setuid_pgm((top + "/").c_str(), stdout) != 0) puts("failed");
+    });
     EXPECT_EQ(found.size(), top.size() * 2 + 16) << found;  // both programs, once each, in either order
     EXPECT_NE(found.find(top + "/sub/suid\n"), std::string::npos) << found;
     EXPECT_NE(found.find(top + "/sgid\n"), std::string::npos) << found;
