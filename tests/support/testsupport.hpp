@@ -3,8 +3,12 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <functional>
 #include <string>
+
+// errno of a call that must fail with -1 (0 when it did not fail).
+#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())
 
 namespace mgtest {
 

@@ -8,7 +8,6 @@
 #include "common/paths.hpp"
 #include "testsupport.hpp"
 
-#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())  // 0: it did not fail
 using mgtest::TempDir;
 using mgtest::write_file;
 

@@ -12,7 +12,6 @@
 
 #include "testsupport.hpp"
 
-#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())  // 0: it did not fail
 using mgtest::capture_stdout;
 
 TEST(ErrorReporting, MessagesAndLinesForEachKindOfCode) {

@@ -17,9 +17,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// errno of a call that must fail with -1 (0 when it did not fail).
-#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())
-
 namespace {
 
 using mgtest::run_in_child;

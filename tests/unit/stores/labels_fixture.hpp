@@ -24,9 +24,6 @@
 #include <string>
 #include <vector>
 
-// errno of a call that must fail with -1 (0 when it did not fail).
-#define MG_ERRNO_OF(call) ([&] { errno = 0; return (call) == -1 ? errno : 0; }())
-
 namespace mgtest {
 
 // A child that runs hold() (taking a lock) and then waits to be killed: its
