@@ -268,7 +268,7 @@ void lint_service_rules(Report &report, const std::string &path, int kind) {
         alsvc_load *block = read_rule_from_file(file.stream());
         if (block == nullptr)
             return file.error(file.last_line(), "malformed header (id:name:count) or rule (service:n:n:address)" + kNoLoad);
-        std::unique_ptr<alsvc_load, void (*)(alsvc_load *)> hold(block, [](alsvc_load *l) { free_load_hdr_all(l); });
+        std::unique_ptr<alsvc_load, void (*)(alsvc_load *) noexcept> hold(block, free_load_hdr_all);
         const char *end = file.next();
         if (end == nullptr || std::strcmp(end, "[/ALSVC]") != 0)
             return file.error(file.last_line(), "expected [/ALSVC]" + kNoLoad);
