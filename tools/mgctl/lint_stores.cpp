@@ -21,6 +21,7 @@
 #include <set>
 #include <vector>
 
+#include "stores/rulestore.hpp"
 #include "stores/store_lines.hpp"
 
 namespace mgctl {
@@ -117,13 +118,18 @@ bool StoreFile::open() {
     return true;
 }
 
+// The account and group databases, indexed once for every store, as a load does.
+struct Accounts {
+    mg::rules::NameIndex users{mg::rules::NameIndex::Db::Users};
+    mg::rules::NameIndex groups{mg::rules::NameIndex::Db::Groups};
+};
+
 // The rule entries of a record, from the index of the first: resolved as the
 // load resolves them (the names in the file give the numbers) and checked as
 // a change of the record checks them.
-void check_rules(StoreFile &file, size_t first, rulentry *rules, int count) {
+void check_rules(StoreFile &file, size_t first, rulentry *rules, int count, Accounts &accounts) {
     if (count <= 0) return;
-    set_rulentry_uid(rules, count);
-    set_rulentry_gid(rules, count);
+    mg::rules::resolve_rule_ids(rules, count, accounts.users, accounts.groups);
     const int status = get_module_status();
     for (int i = 0; i < count; ++i) {
         const rulentry &r = rules[i];
@@ -149,7 +155,8 @@ bool opens_record(StoreFile &file, const char *line, const char *marker) {
     return false;
 }
 
-void lint_file_acl(Report &report, const std::string &path, const std::optional<std::set<int>> &groups) {
+void lint_file_acl(Report &report, const std::string &path, const std::optional<std::set<int>> &groups,
+                   Accounts &accounts) {
     StoreFile file(report, path, fgets_rule_file, 2048);
     if (!file.open()) return;
     std::set<std::string> paths;
@@ -169,11 +176,12 @@ void lint_file_acl(Report &report, const std::string &path, const std::optional<
             file.error(file.line_at(start + 1), "the path has an entry already" + kNoLoad);
         else if (is_valid_rulepath(hdr.path) != 1)
             file.warning(file.line_at(start + 1), "a path that no add accepts (a \"*\" only in the last component)");
-        check_rules(file, start + 6, raw, hdr.rule_cnt);
+        check_rules(file, start + 6, raw, hdr.rule_cnt, accounts);
     }
 }
 
-void lint_file_groups(Report &report, const std::string &path, const std::optional<std::set<int>> &groups) {
+void lint_file_groups(Report &report, const std::string &path, const std::optional<std::set<int>> &groups,
+                      Accounts &accounts) {
     StoreFile file(report, path, fgets_rule_file, 2048);
     if (!file.open()) return;
     while (const char *line = file.next()) {
@@ -192,7 +200,7 @@ void lint_file_groups(Report &report, const std::string &path, const std::option
             file.error(at, "rule count (0-32), member count (0-1024), mode (0-2) or policy group (0-512) out of range" +
                                kNoLoad);
         check_policy_group(file, at, hdr.polgrp_id, groups);
-        check_rules(file, start + 7, raw_rules, hdr.rule_cnt);
+        check_rules(file, start + 7, raw_rules, hdr.rule_cnt, accounts);
         const size_t first_member = start + 7 + static_cast<size_t>(std::max(hdr.rule_cnt, 0));
         for (int i = 0; i < hdr.member_cnt && raw_members != nullptr; ++i) {
             const int member_line = file.line_at(first_member + 2 * static_cast<size_t>(i));
@@ -303,8 +311,9 @@ void lint_allowed_commands(Report &report, const std::string &path) {
 void lint_text_stores(Report &report, const std::string &root) {
     const std::string data = root + "/data/";
     const std::optional<std::set<int>> groups = lint_policy_groups(report, data + "policy_group");
-    lint_file_acl(report, data + "acl_file", groups);
-    lint_file_groups(report, data + "acl_fgroup", groups);
+    Accounts accounts;
+    lint_file_acl(report, data + "acl_file", groups, accounts);
+    lint_file_groups(report, data + "acl_fgroup", groups, accounts);
     lint_kill_acl(report, data + "acl_kill");
     lint_setuid_acl(report, data + "acl_setuid");
     const char *service_files[] = {"alsvc_user", "alsvc_group", "alsvc_def"};
