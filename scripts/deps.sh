@@ -11,6 +11,7 @@ packages=(
   libpam-wrapper libpamtest0-dev libnss-wrapper
   libfaketime faketime
   dpkg-dev lintian groff-base man-db
+  rsyslog rsyslog-relp iproute2
 )
 
 missing=()

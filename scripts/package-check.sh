@@ -28,7 +28,7 @@ grep -v 'running with root privileges' <<<"$report" || true
 echo "--- the tests on the packaged build"
 cmake --build "$dir" -j "$(nproc)" --target pam_system_test pam_time_test sandbox_test >"$dir/tests.log" 2>&1 ||
   { cat "$dir/tests.log"; fail "test build failed"; }
-(cd "$dir" && ctest -j "$(nproc)" --timeout 600 --output-on-failure -L system &&
+(cd "$dir" && ctest -j "$(nproc)" --timeout 600 --output-on-failure -L system -E '^rsyslog_forwarding$' &&
               ctest --output-on-failure -R '^(export_list|runtime_deps)$') || fail "tests failed"
 strip -o "$work/tested.so" "$dir/src/pam_mg_acl.so"
 dpkg-deb -x "$deb" "$work/contents"
@@ -46,6 +46,8 @@ touch "$root/var/lib/dpkg/available"
 dpkg --root="$root" --install "$deb"
 cmp "$work/tested.so" "$root/$module" || fail "the installed module is not the tested one"
 dpkg --root="$root" -L mossgrove | grep -q '^/etc' && fail "the package installs into /etc"
+dropin=usr/share/doc/mossgrove/examples/rsyslog/60-mossgrove-forward.conf
+cmp examples/rsyslog/60-mossgrove-forward.conf "$root/$dropin" || fail "the rsyslog drop-in is not installed"
 [ "$(stat -c %a "$root/$module")" = 644 ] || fail "module mode $(stat -c %a "$root/$module")"
 "$root/usr/sbin/mgctl" --help >/dev/null || fail "the installed mgctl does not run"
 dpkg --root="$root" --purge mossgrove
