@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <string>
-
 #include "testsupport.hpp"
 
 using mgtest::exists;
@@ -24,8 +21,6 @@ TEST(Files, MkdirMakesParentsWithExactMode) {
 
     EXPECT_EQ(MG_ERRNO_OF(mg_mkdir(z.c_str(), 0700)), EEXIST);
     EXPECT_EQ(file_mode(z), 0751u) << "an existing directory keeps its mode";
-    write_file(dir / "file", "");
-    EXPECT_EQ(MG_ERRNO_OF(mg_mkdir((dir / "file/sub").c_str(), 0700)), ENOTDIR);
 
     // A parent too long for the 1024-byte buffer is not made under a cut name.
     std::string path = dir.path();
@@ -48,11 +43,4 @@ TEST(Files, CopyFile) {
 
     EXPECT_EQ(MG_ERRNO_OF(mg_copy_file(dir.path().c_str(), (dir / "fresh").c_str())), EISDIR) << "a directory cannot be read";
     EXPECT_FALSE(exists(dir / "fresh")) << "a failed copy removes the destination";
-}
-
-TEST(HostAddress, LiteralCutToTheBuffer) {
-    // The host's own name is resolved in the secure log's tool test, in the sandbox.
-    char text[16] = "junk";
-    EXPECT_NE(get_ipaddr_by_hostname("192.0.2.7", text, 4), -1);
-    EXPECT_STREQ(text, "192");
 }

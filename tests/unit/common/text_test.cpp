@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <string>
 #include <vector>
 
 #include "testsupport.hpp"
@@ -15,19 +13,14 @@
 using mgtest::capture_stdout;
 
 TEST(ErrorReporting, MessagesAndLinesForEachKindOfCode) {
-    // One message of the table (the tools' own tests see others), and a code outside it.
-    const std::pair<int, const char *> table[] = {
-        {10011, "Error:The Security Level is out of range."},
-        {-5, "Error:The undefined error code -5."},
-    };
-    for (auto [code, text] : table) {
-        _mg_strerror(code);
-        EXPECT_STREQ(_errbuf, text) << code;
-    }
+    _mg_strerror(-5);
+    EXPECT_STREQ(_errbuf, "Error:The undefined error code -5.");
     const struct { int code; const char *fmt; std::string line; } lines[] = {
         {2, "open", std::string("open: ") + strerror(2) + "\n"},  // the system's codes carry no prefix
         {10000, "plain", "MOSSGROVE: plain\n"},
         {0, "zero", "MOSSGROVE: zero\n"},
+        // One message of the table (the tools' own tests see others), and a code outside it.
+        {10011, "lvl", "MOSSGROVE: lvl: Error:The Security Level is out of range.\n"},
         {10050, "add", "MOSSGROVE: add: Error:The undefined error code 10050.\n"},
     };
     for (const auto &l : lines)
@@ -46,11 +39,8 @@ TEST(Text, ValidatorsAndTrimming) {
     for (const char *bad : {"12a", "-1", " 1"}) EXPECT_EQ(MG_ERRNO_OF(_isdigits(bad)), MG_ERR_NOT_NUMERIC) << bad;
     EXPECT_EQ(isValidNumber(""), 0);
     EXPECT_EQ(_isascii("caf\xc3\xa9\t~ -."), 1) << "only the listed characters are refused";
-    for (const char *bad : {"a&b", "a\nb", "a/b", "a:b", "a*b", "a?b", "a\"b", "a<b", "a>b", "a|b"}) {
-        errno = 0;
-        EXPECT_EQ(_isascii(bad), 0) << bad;
-        EXPECT_EQ(errno, MG_ERR_BAD_NAME) << bad;
-    }
+    for (const char *bad : {"a&b", "a\nb", "a/b", "a:b", "a*b", "a?b", "a\"b", "a<b", "a>b", "a|b"})
+        EXPECT_EQ(MG_ERRNO_OF(_isascii(bad) - 1), MG_ERR_BAD_NAME) << bad;  // 0, with the code
     char crlf[] = "abc\r\n\r\n", out[32], both[] = "\v x y \f", dst[64];
     RemoveTailCRLF(crlf);
     EXPECT_STREQ(crlf, "abc");

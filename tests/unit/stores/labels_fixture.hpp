@@ -14,14 +14,11 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <functional>
-#include <string>
 #include <vector>
 
 namespace mgtest {
@@ -45,9 +42,7 @@ inline pid_t hold_in_child(const std::function<void()> &hold) {
     close(p[0]);
     return held ? pid : (waitpid(pid, nullptr, 0), -1);
 }
-inline void kill_child(pid_t pid) {
-    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-}
+inline void kill_child(pid_t pid) { if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0); }
 // In another process, op() must fail at once with EAGAIN (a busy store).
 inline bool busy(const std::function<int()> &op) {
     return run_in_child([&] { alarm(5); return op() == -1 && errno == EAGAIN ? 0 : 1; }) == 0;
@@ -66,15 +61,11 @@ inline bool race(const std::function<int(int)> &racer) {
 // measured run (a crash at that point); check() runs after each, reset() before.
 inline void crash_points(const std::function<void()> &op, const std::function<void()> &reset,
                          const std::function<void(long)> &check, int points) {
-    auto now_us = [] {
-        struct timespec t;
-        clock_gettime(CLOCK_MONOTONIC, &t);
-        return t.tv_sec * 1000000L + t.tv_nsec / 1000;
-    };
     reset();
-    const long start = now_us();
+    const auto start = std::chrono::steady_clock::now();
     run_in_child([&] { op(); return 0; });
-    const long dur = now_us() - start;
+    const long dur = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count());
     for (int i = 0; i <= points; ++i) {
         reset();
         fflush(nullptr);

@@ -7,8 +7,6 @@
 
 #include <fcntl.h>
 
-#include <cerrno>
-
 namespace {
 
 using mgtest::read_file;
@@ -43,19 +41,18 @@ TEST(MlsUserMerge, RulesOfTheMerge) {
         {"duplicate uid, MU", {user(10, "a"), user(10, "b")}, {user(10, "b", 1)}, 0, 1, {{"a", 0}, {"b", 1}}},
         {"role 0 and 255 ignored", {user(10, "a")}, {user(10, "a", 0), user(10, "a", 255)}, 0, 0, {{"a", 0}}},
         {"second record of a uid", {user(10, "a")}, {user(10, "x", 1), user(10, "a", 2)}, 0, 1, {{"a", 2}}},
-        {"empty kernel list", {user(10, "a")}, {}, 0, 0, {{"a", 0}}},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
         std::vector<MGMlsUser> pw = c.pw, kern = c.kern;
         for (auto &u : pw) u.disabled = 1;
         int matched = -1;
-        EXPECT_EQ(merge_mulist(pw.data(), static_cast<int>(pw.size()), kern.data(), static_cast<int>(kern.size()),
-                               &matched), c.result) << c.what;
-        EXPECT_EQ(matched, c.matched) << c.what;
+        EXPECT_EQ(merge_mulist(pw.data(), int(pw.size()), kern.data(), int(kern.size()), &matched), c.result);
+        EXPECT_EQ(matched, c.matched);
         for (size_t i = 0; i < c.roles.size(); ++i) {
-            EXPECT_STREQ(pw[i].name, c.roles[i].first) << c.what;
-            EXPECT_EQ(pw[i].role, c.roles[i].second) << c.what;
-            EXPECT_EQ(pw[i].gid * 10 + pw[i].disabled, 1001) << c.what << ": the account keeps its gid and byte";
+            EXPECT_STREQ(pw[i].name, c.roles[i].first);
+            EXPECT_EQ(pw[i].role, c.roles[i].second);
+            EXPECT_EQ(pw[i].gid * 10 + pw[i].disabled, 1001) << "the account keeps its gid and byte";
         }
     }
 }
@@ -64,14 +61,10 @@ TEST(MlsUserMerge, RulesOfTheMerge) {
 // trip; here the account states, the refusals and the renamed SO.
 MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
     sb.add_group("users", 100);
-    const struct { const char *name, *shadow; int disabled; } accounts[] = {
-        {"so1", "$6$s$h:19000:0:99999:7:::", 0}, {"alice", "$6$s$h:19000:0:99999:7:::", 0},
-        {"bob", "!!:19000:0:99999:7:::", 1}, {"carol", "$6$s$h:19000:0:99999:7::1:", 1}, {"dave", nullptr, 0}};
-    for (int i = 0; i < 5; ++i) {
-        const std::string name = accounts[i].name;
-        sb.append_etc("passwd", name + ":x:" + std::to_string(i ? 1000 + i : 1010) + ":100::/h:/bin/sh\n");
-        if (accounts[i].shadow != nullptr) sb.append_etc("shadow", name + ":" + accounts[i].shadow + "\n");
-    }
+    sb.append_etc("passwd", "so1:x:1010:100::/h:/bin/sh\nalice:x:1001:100::/h:/bin/sh\nbob:x:1002:100::/h:/bin/sh\n"
+                            "carol:x:1003:100::/h:/bin/sh\ndave:x:1004:100::/h:/bin/sh\n");
+    sb.append_etc("shadow", "so1:$6$s$h:19000:0:99999:7:::\nalice:$6$s$h:19000:0:99999:7:::\n"
+                            "bob:!!:19000:0:99999:7:::\ncarol:$6$s$h:19000:0:99999:7::1:\n");  // dave: none
     mgtest::LabelRoot root;
     int listed = 0;
     auto find = [&listed](int mode, const char *name) {  // the account in get_mls_user's list
@@ -82,7 +75,8 @@ MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
         free(l);
         return found;
     };
-    for (const auto &a : accounts) EXPECT_EQ(find(1, a.name).disabled, a.disabled) << a.name;
+    const std::pair<const char *, int> disabled[] = {{"so1", 0}, {"alice", 0}, {"bob", 1}, {"carol", 1}, {"dave", 0}};
+    for (auto [name, d] : disabled) EXPECT_EQ(find(1, name).disabled, d) << name;
     EXPECT_EQ(listed, get_num_pw());
     EXPECT_STREQ(find(1, "dave").group, "users");
 
@@ -115,8 +109,7 @@ MG_SANDBOX_TEST(MlsUserApi, AccountsKernelStoreAndPasswords) {
     std::string passwd = read_file("/etc/passwd");
     sb.write_etc("passwd", passwd.replace(passwd.find("so1:"), 4, "so9:"));
     EXPECT_EQ(find(1, "so9").role, 3);
-    EXPECT_STREQ(Root::kernel<MGMlsUser>(MGSIM_T_MU)[0].name, "so9");
-    EXPECT_STREQ(Root::records_of<MGMlsUser>(read_file(root.data("mls_user")))[0].name, "so9");
+    EXPECT_STREQ(Root::kernel<MGMlsUser>(MGSIM_T_MU)[0].name, "so9") << "the store is written from the kernel's list";
     // An empty kernel table is filled from the store in mode 0, not in mode 1.
     ASSERT_EQ(mgsim_reset(), 0);
     EXPECT_EQ(find(1, "alice").role, 0);
@@ -157,7 +150,7 @@ TEST_F(MlsStoreTest, RecordRewritesAndTheirRecoveryRules) {
     ASSERT_EQ(store().size(), 1u);
     EXPECT_EQ(store()[0].uid, 1001);
 
-    // Whole records only; a kernel refusal changes nothing.
+    // Whole records only (a kernel refusal is the shared rewrite's, covered with the categories).
     std::string two = bytes_of(std::vector<MGMlsUser>{a, b}) + std::string(52, 'x');
     for (size_t bytes : {1323, 2700}) {
         mgtest::write_file(data("mls_user"), two.substr(0, bytes), 0444);
@@ -166,10 +159,7 @@ TEST_F(MlsStoreTest, RecordRewritesAndTheirRecoveryRules) {
         endmuent();
         EXPECT_EQ(n, bytes == 1323 ? 0 : 2) << bytes;
     }
-    ASSERT_EQ(mgsim_set_fail("17:22"), 0);
-    EXPECT_EQ(delmuent(&a), -1);
-    EXPECT_EQ(read_file(data("mls_user")), two.substr(0, 2700));
-    ASSERT_FALSE(mgsim_set_fail("") || mgsim_set_absent(1));
+    ASSERT_EQ(mgsim_set_absent(1), 0);
     EXPECT_EQ(delmuent(&a), 1) << "without the module only the file is written";
     EXPECT_EQ(store().size(), 1u);
 }
