@@ -81,7 +81,6 @@ MG_SANDBOX_TEST(Sessions, CountingFromUtmpx) {
     sb.add_utmpx("alice", "pts/1", "10.0.0.1");
     sb.add_utmpx("alice", "tty2", "");
     sb.add_utmpx("alice", "pts/9", "10.0.0.1");  // the request's own terminal
-    sb.add_utmpx("alice", "pts/4", "", DEAD_PROCESS);
     sb.add_utmpx("alicex", "pts/5", "");
     sb.add_utmpx("b", "pts/2", "10.0.0.2:0");        // display suffix cut
     sb.add_utmpx("c", "pts/3", "::ffff:0:10.0.0.3");  // the accepted IPv6 form
@@ -91,6 +90,11 @@ MG_SANDBOX_TEST(Sessions, CountingFromUtmpx) {
     EXPECT_EQ(1, count_user_sessions("alice", "pts/9", true));
     EXPECT_EQ(3, count_address_sessions(ntohl(inet_addr("10.0.0.0")), ntohl(inet_addr("10.255.255.255")), "pts/9"));
     EXPECT_EQ(400, count_address_sessions(ntohl(inet_addr("127.0.0.1")), ntohl(inet_addr("127.0.0.1")), "pts/9"));
+    // A console is exempt from a default rule with the console flag (a user rule without it).
+    PamRequest req = request("alice", "10.1.2.3", "tty3");
+    SessionRule r;
+    mgtest::write_file(dir / "default_session.conf", "x:[any]:1:1:\n");
+    EXPECT_EQ(1, check_default_session(req, r));
     { std::ofstream(utmp, std::ios::app) << "partial"; }  // a truncated last record is no record
     EXPECT_EQ(400, count_user_sessions("bob", "pts/9", false));
     mg::paths::override_for_tests(nullptr, nullptr, nullptr);
