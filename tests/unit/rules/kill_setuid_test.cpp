@@ -2,8 +2,6 @@
 // file ACL, and the setuid program finder.
 #include <unistd.h>
 
-#include <cstring>
-
 #include "rules_fixture.hpp"
 
 namespace {

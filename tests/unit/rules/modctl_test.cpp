@@ -19,8 +19,7 @@ struct World {
     std::string root = sb.scratch() + "/root", data = root + "/data";
 
     explicit World(mgtest::Sandbox &s) : sb(s) {
-        mkdir(root.c_str(), 0755);
-        mkdir(data.c_str(), 0755);
+        for (const std::string &d : {root, data}) mkdir(d.c_str(), 0755);
         mgtest::write_file(root + "/evmg", "MG_ROOT=" + root + "\n");
         mg::paths::override_for_tests((root + "/evmg").c_str(), nullptr, nullptr);
         EXPECT_EQ(0, mgsim_use_state((sb.scratch() + "/state").c_str()));
