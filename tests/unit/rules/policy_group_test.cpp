@@ -45,9 +45,7 @@ TEST_F(PolicyGroups, FormatErrorsAndLimits) {
     put("policy_group", all + "not read\n");
     EXPECT_EQ(code(add_polgrp("full")), MG_ERR_RULE_FULL);
     polgrp odd[2] = {{0, "zero"}, {600, "high"}};
-    EXPECT_EQ(create_polgrp_id(odd, 2), 1);
-    ASSERT_EQ(mkdir(file("policy_group.tmp").c_str(), 0755), 0);
-    EXPECT_EQ(code(save_polgrp(odd, 2)), MG_ERR_TEMPFILE);
+    EXPECT_EQ(create_polgrp_id(odd, 2), 1) << "numbers outside 1..512 take no place";
 }
 
 }  // namespace

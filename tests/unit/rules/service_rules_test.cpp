@@ -31,9 +31,7 @@ TEST_F(ServiceRules, MalformedFileLeavesTheSetEmpty) {
     const char *bad[] = {
         "[ALSVC]\n2:b:1\ny:1:1:1.2.3.4\n",            // block not closed
         "[ALSVC]\n2:b:1\ny:1:1:1.2.3.4:5\n[/ALSVC]\n",  // rule with five fields
-        "[ALSVC]\n2:b:1:9\ny:1:1:1.2.3.4\n[/ALSVC]\n",  // header with four fields
         "[ALSVC]\n2:b:2\ny:1:1:1.2.3.4\n[/ALSVC]\n",    // fewer rules than counted
-        "[ALSVC]\n-2:b:1\ny:1:1:1.2.3.4\n[/ALSVC]\n",   // not a number
         "[ALSVC]\n2:b:1\ny:x:1:1.2.3.4\n[/ALSVC]\n", "[RULE]\n",
     };
     for (const char *tail : bad) {

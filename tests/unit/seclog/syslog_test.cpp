@@ -90,12 +90,10 @@ MG_SANDBOX_TEST(SecureLogSyslog, ToolRecordCarriesThisHostsAddress) {
     mgtest::write_file(evmg, "MG_ROOT=" + root + "/\n");
     mgtest::write_file(root + "/conf/mgopt.conf", "SecureLogDir " + log + "/\nSecureLogSize 7\nSecureLogFileCount 4\n");
     ASSERT_EQ(0, cmd_init_seclog());
-    EXPECT_EQ(7000000, mg::seclog::g_nMaxLogSize);
-    EXPECT_EQ(4, mg::seclog::g_nMaxLogFileCount);
-    EXPECT_EQ(0, mg::seclog::g_nMGLogRotate);
+    namespace s = mg::seclog;
+    EXPECT_EQ(std::tuple(7000000, 4, 0), std::tuple(s::g_nMaxLogSize, s::g_nMaxLogFileCount, s::g_nMGLogRotate));
 
-    EXPECT_EQ(1, cmd_save_seclog(7, "tool", "x"));  // levels outside 1..6
-    EXPECT_EQ(1, cmd_save_seclog(0, "tool", "x"));
+    for (int outside : {0, 7}) EXPECT_EQ(1, cmd_save_seclog(outside, "tool", "x"));  // levels are 1..6
     EXPECT_FALSE(mgtest::exists(log + "/mglog.01"));
     ASSERT_EQ(0, cmd_save_seclog(3, "a-very-long-program-name", "backup done"));
     ASSERT_EQ(0, cmd_save_seclog(6, nullptr, nullptr));
