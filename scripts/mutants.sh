@@ -24,10 +24,10 @@ work=${MG_MUTANTS_DIR:-/tmp/mg-mutants-$(id -u)}
 src=$work/src
 build=$work/build
 jobs=${MG_MUTANTS_JOBS:-2}
-# The simulator's own tests and the export checks do not exercise src/; the
+# The simulator's own tests and the export and size checks do not exercise src/; the
 # forwarding test exercises rsyslog's configuration and takes a minute or more.
 ctest_args=(-j "$jobs" --stop-on-failure --timeout 120 -LE '^sim$'
-            -E '^(export_list|runtime_deps|fuzz_replay_sim_state|rsyslog_forwarding)$')
+            -E '^(export_list|runtime_deps|test_share|fuzz_replay_sim_state|rsyslog_forwarding)$')
 
 # name @@ file @@ search @@ replacement; "\n" is a newline, "\\" a backslash,
 # "\x" any other character x.
