@@ -81,6 +81,27 @@ struct AlsvcEntry {
     std::vector<alsvc_rule> rules;
 };
 
+// Copies up to len records of v to p, as the kernel's list calls do.
+template <class T>
+long copy_out(const std::vector<T> &v, void *p, long len) {
+    size_t n = std::min(v.size(), static_cast<size_t>(std::max(len, 0L)));
+    if (n != 0) memcpy(p, v.data(), n * sizeof(T));
+    return static_cast<long>(n);
+}
+
+// A table of records unique by path, in the order they were added.
+template <class T>
+struct PathTable {
+    std::vector<T> items;
+    std::unordered_map<std::string, size_t> at;
+    bool add(const T &r) {
+        if (!at.emplace(r.path, items.size()).second) return false;
+        items.push_back(r);
+        return true;
+    }
+    void clear() { items.clear(), at.clear(); }
+};
+
 struct Kernel {
     std::vector<MGMlsUser> mu;
     // Entries are kept when the table is cleared (facl_n counts the live
@@ -89,11 +110,9 @@ struct Kernel {
     std::vector<FaclEntry> facl;
     size_t facl_n = 0;
     std::unordered_map<std::string, size_t> facl_at;
-    std::vector<kaclent> kacl;
-    std::unordered_map<std::string, size_t> kacl_at;
+    PathTable<kaclent> kacl;
     std::vector<FgroupEntry> fgroups;  // group n at index n - 1
-    std::vector<suidaclent> suid;
-    std::unordered_map<std::string, size_t> suid_at;
+    PathTable<suidaclent> suid;
     std::vector<AlsvcEntry> alsvc;  // table 0 (user rules) only
     std::unordered_map<int, size_t> alsvc_at;
     int status = MG_STATUS_RUNNING;
@@ -110,9 +129,7 @@ struct Kernel {
         e.hdr = h;
         e.rules.assign(r, r + h.rule_cnt);
     }
-    void clear_kacl() { kacl.clear(), kacl_at.clear(); }
     void clear_alsvc() { alsvc.clear(), alsvc_at.clear(); }
-    void clear_suid() { suid.clear(), suid_at.clear(); }
     long fail(int e) {
         errno = e;
         return -1;
@@ -131,11 +148,7 @@ struct Kernel {
                 return 0;
             }
             case 14: return static_cast<long>(mu.size());
-            case 16: {
-                size_t n = std::min(mu.size(), static_cast<size_t>(std::max(len, 0L)));
-                memcpy(p, mu.data(), n * sizeof(MGMlsUser));
-                return static_cast<long>(n);
-            }
+            case 16: return copy_out(mu, p, len);
             case 17: {
                 auto *r = static_cast<const MGMlsUser *>(p);
                 mu.assign(r, r + len);
@@ -191,34 +204,14 @@ struct Kernel {
                 return 0;
             }
             case 43: fgroups.clear(); return 0;
-            case 44: {
-                auto *k = static_cast<const kaclent *>(p);
-                if (kacl_at.count(k->path)) return fail(EEXIST);
-                kacl_at[k->path] = kacl.size();
-                kacl.push_back(*k);
-                return 0;
-            }
-            case 47: return static_cast<long>(kacl.size());
-            case 48: {
-                size_t n = std::min(kacl.size(), static_cast<size_t>(std::max(len, 0L)));
-                memcpy(p, kacl.data(), n * sizeof(kaclent));
-                return static_cast<long>(n);
-            }
-            case 49: clear_kacl(); return 0;
-            case 50: {
-                auto *e = static_cast<const suidaclent *>(p);
-                if (suid_at.count(e->path)) return fail(EEXIST);
-                suid_at[e->path] = suid.size();
-                suid.push_back(*e);
-                return 0;
-            }
-            case 53: return static_cast<long>(suid.size());
-            case 54: {
-                size_t n = std::min(suid.size(), static_cast<size_t>(std::max(len, 0L)));
-                memcpy(p, suid.data(), n * sizeof(suidaclent));
-                return static_cast<long>(n);
-            }
-            case 55: clear_suid(); return 0;
+            case 44: return kacl.add(*static_cast<const kaclent *>(p)) ? 0 : fail(EEXIST);
+            case 47: return static_cast<long>(kacl.items.size());
+            case 48: return copy_out(kacl.items, p, len);
+            case 49: kacl.clear(); return 0;
+            case 50: return suid.add(*static_cast<const suidaclent *>(p)) ? 0 : fail(EEXIST);
+            case 53: return static_cast<long>(suid.items.size());
+            case 54: return copy_out(suid.items, p, len);
+            case 55: suid.clear(); return 0;
             case 65: {
                 auto it = alsvc_at.find(static_cast<int>(len));
                 return it == alsvc_at.end() ? 0 : static_cast<long>(alsvc[it->second].rules.size());
@@ -687,13 +680,12 @@ void bench_dumps(mgtest::Sandbox &sb, int n, bool target) {
 
     // The kill ACL holds at most 1,024 entries: it is measured at a tenth.
     const int kills = n / 10;
-    g_kernel.clear_kacl();
+    g_kernel.kacl.clear();
     for (int i = 0; i < kills; ++i) {
         kaclent k{};
         snprintf(k.path, sizeof k.path, "/usr/sbin/daemon%05d", i);
         k.denymask = MG_DENY_ALL;
-        g_kernel.kacl_at[k.path] = g_kernel.kacl.size();
-        g_kernel.kacl.push_back(k);
+        g_kernel.kacl.add(k);
     }
     record("dump_kill_acl", data_path("acl_kill"), kills, [] {
         if (dump_kill_acl() != 0) std::printf("  dump_kill_acl failed: errno %d\n", errno);
@@ -721,13 +713,12 @@ void bench_dumps(mgtest::Sandbox &sb, int n, bool target) {
     });
 
     // The setuid ACL holds at most 1,024 entries, as the kill ACL.
-    g_kernel.clear_suid();
+    g_kernel.suid.clear();
     for (int i = 0; i < kills; ++i) {
         suidaclent e{};
         e.flag = i % 2;
         snprintf(e.path, sizeof e.path, "/usr/local/bin/tool%05d", i);
-        g_kernel.suid_at[e.path] = g_kernel.suid.size();
-        g_kernel.suid.push_back(e);
+        g_kernel.suid.add(e);
     }
     record("dump_setuid_acl", data_path("acl_setuid"), kills, [] {
         if (dump_setuid_acl() != 0) std::printf("  dump_setuid_acl failed: errno %d\n", errno);
@@ -827,13 +818,13 @@ void bench_loads(mgtest::Sandbox &sb, int n, bool target) {
         if (load_file_acl() != 0) std::printf("  load_file_acl failed: errno %d\n", errno);
     });
     g_figures.back().at_target_size = false;
-    record("load_kill_acl", data_path("acl_kill"), n / 10, [] { g_kernel.clear_kacl(); }, [] {
+    record("load_kill_acl", data_path("acl_kill"), n / 10, [] { g_kernel.kacl.clear(); }, [] {
         if (load_kill_acl() != 0) std::printf("  load_kill_acl failed: errno %d\n", errno);
     });
     record("load_fgroup", data_path("acl_fgroup"), n, [] { g_kernel.fgroups.clear(); }, [] {
         if (load_fgroup() != 0) std::printf("  load_fgroup failed: errno %d\n", errno);
     });
-    record("load_setuid_acl", data_path("acl_setuid"), n / 10, [] { g_kernel.clear_suid(); }, [] {
+    record("load_setuid_acl", data_path("acl_setuid"), n / 10, [] { g_kernel.suid.clear(); }, [] {
         if (load_setuid_acl() != 0) std::printf("  load_setuid_acl failed: errno %d\n", errno);
     });
     record("load_rule_from_file", data_path("alsvc_user"), n, [] { g_kernel.clear_alsvc(); }, [] {
@@ -872,16 +863,16 @@ void bench_module_start(int n) {
     Figure f = measure("module_start", n, [] {
         g_kernel.mu.clear();
         g_kernel.clear_facl();
-        g_kernel.clear_kacl();
+        g_kernel.kacl.clear();
         g_kernel.clear_alsvc();
         g_kernel.fgroups.clear();
-        g_kernel.clear_suid();
+        g_kernel.suid.clear();
         g_kernel.status = MG_STATUS_STOPPED;
     }, [] {
         MGModuleInfo block{};
         if (module_start(&block) != 0) std::printf("  module_start failed: errno %d\n", errno);
-        if (g_kernel.mu.empty() || g_kernel.facl_n == 0 || g_kernel.kacl.empty() || g_kernel.alsvc.empty() ||
-            g_kernel.fgroups.empty() || g_kernel.suid.empty())
+        if (g_kernel.mu.empty() || g_kernel.facl_n == 0 || g_kernel.kacl.items.empty() || g_kernel.alsvc.empty() ||
+            g_kernel.fgroups.empty() || g_kernel.suid.items.empty())
             std::printf("  module_start left a table empty\n");
     });
     g_kernel.categories = 0;
