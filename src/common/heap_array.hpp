@@ -47,8 +47,7 @@ public:
         return true;
     }
     bool append(const T *items, size_t n) noexcept {
-        if (n > SIZE_MAX - size_) return false;
-        if (size_ + n > cap_ && !reserve(size_ + n > 2 * cap_ ? size_ + n : 2 * cap_ + 8)) return false;
+        if (!room_for(n)) return false;
         if (n != 0) memcpy(data_ + size_, items, n * sizeof(T));
         size_ += n;
         return true;
@@ -56,7 +55,7 @@ public:
     bool push_back(const T &item) noexcept { return append(&item, 1); }
     // A new zeroed element at the end, to fill in place; nullptr when out of memory.
     T *push_zeroed() noexcept {
-        if (size_ == cap_ && !reserve(2 * cap_ + 8)) return nullptr;
+        if (!room_for(1)) return nullptr;
         T *slot = &data_[size_++];
         memset(static_cast<void *>(slot), 0, sizeof(T));
         return slot;
@@ -83,6 +82,13 @@ public:
     }
 
 private:
+    // Room for n more elements, growing at least twofold so that appends
+    // one by one stay linear.
+    bool room_for(size_t n) noexcept {
+        if (n > SIZE_MAX - size_) return false;
+        return size_ + n <= cap_ || reserve(size_ + n > 2 * cap_ ? size_ + n : 2 * cap_ + 8);
+    }
+
     T *data_ = nullptr;
     size_t size_ = 0;
     size_t cap_ = 0;
