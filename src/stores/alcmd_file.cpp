@@ -77,7 +77,6 @@ int change(int mode, const alcmd *entry, ListEdit edit) {
 
 }  // namespace
 
-// A root that cannot be confirmed fails here (see get_alsvc_path).
 bool mg::rules::read_alcmd_entry(const char *path_line, FILE *in, alcmd *entry) noexcept {
     memset(entry, 0, sizeof *entry);
     const size_t len = strlen(path_line);
@@ -88,6 +87,7 @@ bool mg::rules::read_alcmd_entry(const char *path_line, FILE *in, alcmd *entry) 
            check_alcmd(MG_ALCMD_LOAD, entry) == 0;
 }
 
+// A root that cannot be confirmed fails here (see get_alsvc_path).
 int get_alcmdpath(void) noexcept {
     if (chk_mgrootdir() != 1) return 0;
     mg::stores::build_store_path(g_szAlcmdPath, "alcmd_file");
